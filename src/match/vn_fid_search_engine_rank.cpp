@@ -1,0 +1,265 @@
+// The ranking: from the found ranges to the files that matter.
+//
+// Every hit is read back as a (file, source) pair, the ranges of neighbouring
+// signatures together as far as one buffer holds them. The pairs are sorted and
+// counted by file; a file is taken once, with its smallest source, and of every
+// source the five files with the most hits stay.
+// Tests: tests/unit/match/vn_fid_search_engine_rank_test.cpp and, against a
+// linear count, tests/property/match_property_test.cpp.
+
+#define LOG_TAG "fpe_sig_search"
+
+#include <algorithm>
+
+#include "log.h"
+#include "platform.h"
+#include "stacked_quick_sort.h"
+#include "status.h"
+#include "vn_fid_search_engine.h"
+#include "vn_search_table_data.h"
+
+namespace {
+
+constexpr uint32_t kFilesPerSource = 5;
+
+// The position goes to the file as a signed 32-bit offset, so elements from
+// 2 GiB on cannot be reached.
+bool seekToElement(platform::File* file, uint32_t position) {
+  const uint32_t offset = position * static_cast<uint32_t>(sizeof(StrongElement));
+  return offset <= INT32_MAX && file->seek(offset);
+}
+
+// One past the last signature whose range is read with that of `i`. Ranges
+// ascend like their signatures; one that does not is read by itself.
+uint32_t groupEnd(uint32_t i, uint32_t sig_num, const QueryRanges& ranges, uint32_t limit) {
+  const uint32_t start = ranges.st_pos[i];
+  uint32_t read_end = ranges.en_pos[i];
+  uint32_t end = i + 1;
+  if (read_end - start >= limit) return end;
+  for (uint32_t k = i + 1; k < sig_num; ++k) {
+    if (ranges.bFind[k] == 0) continue;
+    if (ranges.en_pos[k] - start >= limit) break;
+    if (ranges.st_pos[k] < start || ranges.en_pos[k] < read_end) break;
+    read_end = ranges.en_pos[k];
+    end = k + 1;
+  }
+  return end;
+}
+
+FsidPair* appendPairs(const StrongElement* begin, const StrongElement* end, FsidPair* out) {
+  return std::transform(begin, end, out, [](const StrongElement& element) {
+    return FsidPair{element.fid, element.source};
+  });
+}
+
+int compareNumbers(int64_t left, int64_t right) { return left < right ? -1 : left > right ? 1 : 0; }
+
+}  // namespace
+
+int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRanges& ranges,
+                                                 uint32_t* fsid_num,
+                                                 MallocArray<FsidPair>* fsid) const {
+  fsid->reset();
+  const auto file = platform::current().open(stbl_path_, platform::OpenMode::kRead);
+  if (!file) {
+    LOG_ERROR("open file %s fail", stbl_path_);
+    return kErrFile;
+  }
+  uint32_t ele_num = 0;
+  const int ret = chk_search_table_ele_num(file.get(), &ele_num);
+  if (ret != kOk) {
+    LOG_ERROR("get size of file %s fail", stbl_path_);
+    return ret;
+  }
+
+  // A repeated signature's range counts every time, so the sum may outgrow the
+  // 32 bits of the count.
+  uint64_t hits = 0;
+  for (uint32_t i = 0; i < sig_num; ++i) {
+    if (ranges.bFind[i] != 0) hits += ranges.en_pos[i] - ranges.st_pos[i];
+  }
+  *fsid_num = static_cast<uint32_t>(hits);
+  if (hits == 0) {
+    LOG_ERROR("no fid to extract. (fsid_num == 0)");
+    return kErrState;
+  }
+  MallocArray<FsidPair> pairs;
+  if (hits <= UINT32_MAX) pairs = mallocArray<FsidPair>(hits);
+  if (!pairs) {
+    LOG_ERROR("no mem for fsid");
+    return kErrMem;
+  }
+  const uint32_t buffer_size = std::min(loadLimit(), ele_num);
+  const auto buffer = mallocArray<StrongElement>(buffer_size);
+  if (!buffer) {
+    LOG_ERROR("no mem for signature_strong");
+    return kErrMem;
+  }
+
+  FsidPair* out = pairs.get();
+  for (uint32_t i = 0, end; i < sig_num; i = end) {
+    end = i + 1;
+    if (ranges.bFind[i] == 0) continue;
+    const uint32_t start = ranges.st_pos[i];
+    if (!seekToElement(file.get(), start)) {
+      LOG_ERROR("fseek strong search table file fail");
+      return kErrFile;
+    }
+    end = groupEnd(i, sig_num, ranges, buffer_size);
+    uint32_t remaining = ranges.en_pos[end - 1] - start;
+    if (remaining > buffer_size) {
+      while (remaining > 0) {
+        const uint32_t piece = std::min(remaining, buffer_size);
+        if (!readWhole(file.get(), buffer.get(), piece * sizeof(StrongElement))) {
+          LOG_ERROR("read strong search table file fail");
+          return kErrFile;
+        }
+        out = appendPairs(buffer.get(), buffer.get() + piece, out);
+        remaining -= piece;
+      }
+      continue;
+    }
+    if (!readWhole(file.get(), buffer.get(), remaining * sizeof(StrongElement))) {
+      LOG_ERROR("read strong search table file fail");
+      return kErrFile;
+    }
+    for (uint32_t k = i; k < end; ++k) {
+      if (ranges.bFind[k] == 0) continue;
+      out = appendPairs(buffer.get() + (ranges.st_pos[k] - start),
+                        buffer.get() + (ranges.en_pos[k] - start), out);
+    }
+  }
+  *fsid = std::move(pairs);
+  return kOk;
+}
+
+int FidIndexSearchEngine::process_fid_info(uint32_t* fid_num, MallocArray<FsidPair>* fsid,
+                                           MallocArray<uint32_t>* freq) const {
+  freq->reset();
+  FsidPair* const pairs = fsid->get();
+  int ret = quick_sort_fsid_pair(*fid_num, pairs);
+  if (ret != kOk) {
+    LOG_ERROR("quick_sort_fsid_pair fsid fail");
+    return ret;
+  }
+  uint32_t distinct = 1;
+  for (uint32_t i = 1; i < *fid_num; ++i) {
+    if (pairs[i].fid != pairs[i - 1].fid) ++distinct;
+  }
+  *freq = mallocArray<uint32_t>(distinct);
+  if (!*freq) {
+    LOG_ERROR("no mem for freq");
+    return kErrMem;
+  }
+
+  // The first pair of a file is the one with its smallest source.
+  uint32_t last = 0;
+  freq->get()[0] = 1;
+  for (uint32_t i = 1; i < *fid_num; ++i) {
+    if (pairs[i].fid == pairs[last].fid) {
+      ++freq->get()[last];
+    } else {
+      pairs[++last] = pairs[i];
+      freq->get()[last] = 1;
+    }
+  }
+  *fid_num = distinct;
+  ret = select_relevant_fid(fid_num, fsid, freq);
+  if (ret != kOk) {
+    LOG_ERROR("quick_sort_fid_by_descend_freq fail");
+    freq->reset();
+  }
+  return ret;
+}
+
+int FidIndexSearchEngine::quick_sort_fsid_pair(uint32_t n, FsidPair* fsid) const {
+  if (n == 0) return kErrState;
+  const auto compare = [fsid](uint32_t a, uint32_t b) {
+    const int order = compareNumbers(fsid[a].fid, fsid[b].fid);
+    return order != 0 ? order : compareNumbers(fsid[a].source, fsid[b].source);
+  };
+  const auto swap = [fsid](uint32_t a, uint32_t b) { std::swap(fsid[a], fsid[b]); };
+  switch (stackedQuickSort(n, compare, swap)) {
+    case QuickSortResult::kSorted:
+      return kOk;
+    case QuickSortResult::kNoStack:
+      LOG_ERROR("no mem for stack");
+      return kErrMem;
+    case QuickSortResult::kNoLeftRoom:
+      LOG_ERROR("no mem for stack l to expand");
+      return kErrMem;
+    case QuickSortResult::kNoRightRoom:
+      LOG_ERROR("no mem for stack r to expand");
+      return kErrMem;
+  }
+  return kOk;
+}
+
+int FidIndexSearchEngine::quick_sort_fsid_freq_pair(uint32_t n, FsidPair* fsid,
+                                                    uint32_t* freq) const {
+  if (n == 0) return kErrState;
+  const auto compare = [fsid, freq](uint32_t a, uint32_t b) {
+    if (fsid[a].source != fsid[b].source) return compareNumbers(fsid[a].source, fsid[b].source);
+    if (freq[a] != freq[b]) return compareNumbers(freq[b], freq[a]);
+    return compareNumbers(fsid[a].fid, fsid[b].fid);
+  };
+  const auto swap = [fsid, freq](uint32_t a, uint32_t b) {
+    std::swap(fsid[a], fsid[b]);
+    std::swap(freq[a], freq[b]);
+  };
+  switch (stackedQuickSort(n, compare, swap)) {
+    case QuickSortResult::kSorted:
+      return kOk;
+    case QuickSortResult::kNoStack:
+      LOG_ERROR("no mem for stack");
+      return kErrMem;
+    case QuickSortResult::kNoLeftRoom:
+      LOG_ERROR("no mem for stack l to expand");
+      return kErrMem;
+    case QuickSortResult::kNoRightRoom:
+      LOG_ERROR("no mem for stack r to expand");
+      return kErrMem;
+  }
+  return kOk;
+}
+
+int FidIndexSearchEngine::select_relevant_fid(uint32_t* n, MallocArray<FsidPair>* fsid,
+                                              MallocArray<uint32_t>* freq) const {
+  if (*n == 0) {
+    LOG_ERROR("fid_num == 0");
+    return kErrState;
+  }
+  const int ret = quick_sort_fsid_freq_pair(*n, fsid->get(), freq->get());
+  if (ret != kOk) {
+    LOG_ERROR("quick_sort_fsid_freq_pair fail");
+    return ret;
+  }
+
+  const FsidPair* const pairs = fsid->get();
+  const auto isKept = [pairs](uint32_t i) {
+    return i < kFilesPerSource || pairs[i].source != pairs[i - kFilesPerSource].source;
+  };
+  uint32_t kept = 0;
+  for (uint32_t i = 0; i < *n; ++i) kept += isKept(i) ? 1 : 0;
+  auto fsid_rel = mallocArray<FsidPair>(kept);
+  if (!fsid_rel) {
+    LOG_ERROR("no mem for fsid_rel");
+    return kErrMem;
+  }
+  auto freq_rel = mallocArray<uint32_t>(kept);
+  if (!freq_rel) {
+    LOG_ERROR("no mem for freq_rel");
+    return kErrMem;
+  }
+  uint32_t out = 0;
+  for (uint32_t i = 0; i < *n; ++i) {
+    if (!isKept(i)) continue;
+    fsid_rel[out] = pairs[i];
+    freq_rel[out] = freq->get()[i];
+    ++out;
+  }
+  *fsid = std::move(fsid_rel);
+  *freq = std::move(freq_rel);
+  *n = kept;
+  return kOk;
+}

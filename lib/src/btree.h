@@ -1,0 +1,77 @@
+// An ordered set of fixed-size records that lives in block files.
+//
+// The tree is a B+ tree: every record is in a leaf, the leaves are linked in
+// ascending order, and nodes hold separators and the numbers of their children.
+// It is stored in two collections of blocks, one of leaves and one of nodes
+// (tree_blocks.h), whose layout is drawn in btree_node.h. Two records are equal
+// when Less orders them neither way; a set holds no equal ones.
+//
+// Nothing is on disk for certain before commit(). A block that cannot be read
+// or written, or that fails its check, makes the tree invalid: a third outcome
+// beside "done" and "refused". An invalid tree answers nothing and writes
+// nothing any more; it has to be opened again.
+//
+// Not thread-safe: the index guards every tree with its collector mutex.
+// Tests: tests/unit/store/btree_test.cpp, tests/property/btree_property_test.cpp.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "btree_node.h"
+#include "tree_blocks.h"
+
+template <typename Record, typename Less>
+class BTree {
+ public:
+  // Opens or, for writing, creates the four files base_name + ".l.blk",
+  // ".l.stk", ".n.blk" and ".n.stk", the base cut to 126 characters. A tree is
+  // reopened with the size limits it was made with. A failure shows in
+  // is_valid() only; but throws std::bad_alloc when the memory of the caches
+  // cannot be had.
+  BTree(const std::string& base_name, AccessType access, const BTreeParams& params);
+  ~BTree();  // as commit(), then closes the files
+  BTree(const BTree&) = delete;
+  BTree& operator=(const BTree&) = delete;
+
+  // False after a failed opening, a failed check or an I/O error; every
+  // operation fails from then on.
+  bool is_valid() const;
+
+  bool insert(const Record& record);  // false: already there (nothing changed) or invalid
+  bool erase(const Record& record);   // false: not there (nothing changed) or invalid
+
+  // Many at once. `records` ascend; of equal neighbours the later ones count as
+  // already there, or as not there any more. refused->at(i), resized to
+  // `count`, tells where the single form would have returned false. False when
+  // the tree is or becomes invalid or is not open for writing.
+  bool insertBatch(const Record* records, size_t count, std::vector<bool>* refused);
+  bool eraseBatch(const Record* records, size_t count, std::vector<bool>* refused);
+
+  // Appends to `out` the run of records for which same(record, probe) holds.
+  // Looks from the first record of the leaf where `probe` would be inserted up
+  // to the first other record after the run, to the first record with
+  // past(record, probe), where the order says that none can follow, or to the
+  // end. A run that begins in an earlier leaf loses that part, so `probe`
+  // should order before the run. Returns the number of records appended.
+  template <typename Same, typename Past>
+  size_t query(const Record& probe, Same same, Past past, std::vector<Record>* out);
+
+  uint64_t size() const;  // records
+
+  // The ordered scan, one at a time: the leaf after `leaf`, or the first one
+  // for 0. Returns 0 after the last, or when the tree is or becomes invalid.
+  uint64_t nextLeaf(uint64_t leaf);
+  // Replaces `records` by those of a leaf, in order.
+  bool readLeaf(uint64_t leaf, std::vector<Record>* records);
+
+  // Everything is written: blocks, stacks, headers. False and invalid on a
+  // failure. Without a change since the last commit nothing is written.
+  bool commit();
+
+  // Walks every block and checks order, separators, fill, links, counts and the
+  // free blocks. A breach is named in `problem` and makes the tree invalid.
+  bool verify(std::string* problem = nullptr);
+};

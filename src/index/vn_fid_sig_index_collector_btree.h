@@ -1,0 +1,108 @@
+// The persistent index of signatures by document.
+//
+// Documents wait in memory, by their fid offset, until SaveFidSignature()
+// writes them together into three B-trees that hold the same postings in three
+// orders (tree_records.h). Each tree gets the whole batch in its own order,
+// which makes one pass over the disk of what would be a random walk; what it
+// refuses as present is remembered and reported afterwards, document by
+// document. Deletions go to the trees at once and do not see pending documents.
+//
+// The search tables are written from the sig-fid tree
+// (vn_fid_sig_index_collector_btree_tables.cpp; their format is in
+// table_format.h).
+//
+// Not thread-safe: the index system's collector mutex guards it.
+// Tests: tests/unit/index/collector_test.cpp, tests/unit/index/tables_test.cpp,
+// tests/property/index_property_test.cpp.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "meta_data.h"
+#include "signature.h"
+#include "tree_records.h"
+#include "vn_config.h"
+
+namespace dlp_btree {
+
+class FidSigIndexCollector {
+ public:
+  FidSigIndexCollector() = default;
+  ~FidSigIndexCollector();
+  FidSigIndexCollector(const FidSigIndexCollector&) = delete;
+  FidSigIndexCollector& operator=(const FidSigIndexCollector&) = delete;
+
+  // Opens the trees in `index_dir`, creating directory (one level) and trees
+  // when they are missing; resets the collector first when it is initialised.
+  // Returns 0; -1 for a bad signature length, name or directory, -4 without
+  // memory, -5 when the directory or a tree cannot be had. A failure leaves the
+  // collector reset.
+  int Init(const IndexSysConfiguration& configuration, const char* index_dir);
+
+  // Queues a document with its `sig_num` signatures, which are copied, saving
+  // the pending ones first when the collector is full. Returns 0; -3 without
+  // signatures, -1 before Init, -12 when this fid offset is pending (the first
+  // addition stands), -4 without memory, or the status of the save. Nothing is
+  // queued unless 0 is returned.
+  int AddFidSignature(uint32_t fid_offset, uint32_t source_id, uint32_t sig_num,
+                      const Signature* sigs);
+
+  // Writes the pending documents into the trees and commits. Records that are
+  // there already are logged and no failure. Returns 0; -1 before Init, -4
+  // without memory, -5 when a tree has met an I/O error, now or earlier: the
+  // documents stay pending then and nothing is logged as duplicated.
+  int SaveFidSignature();
+
+  // Removes a document's records. Returns 0, also when there are none, or -1
+  // before Init. An I/O error makes the trees invalid, which the next save
+  // tells. Commit() makes deletions lasting.
+  int DeleteFidSignature(uint32_t fid_offset);
+
+  // Makes the trees on disk what they are in memory. False after an I/O error.
+  bool Commit();
+
+  // Writes the four search tables anew, `meta_data` at the head of both meta
+  // files. Returns 0; -1 before Init, -3 without a directory, -4 or -5, leaving
+  // incomplete files behind.
+  int CreateSearchTable(const char* sch_table_dir, const MetaData& meta_data);
+
+  // The same four files with length 0, which stand for an empty index.
+  int CreateEmptySearchTable(const char* sch_table_dir);
+
+  // Closes the trees and forgets everything, pending documents included.
+  void Reset() noexcept;
+
+ private:
+  struct PendingDocument {  // its signatures: pending_signatures_[first, end)
+    uint32_t fid_offset;
+    uint32_t source_id;
+    uint32_t first;
+    uint32_t end;
+  };
+
+  int initialise(const IndexSysConfiguration& configuration, const char* index_dir);
+  int make_dir(const std::string& directory);
+  int gen_btree();
+  bool treesValid() const;
+  void closeTrees() noexcept;
+
+  bool initialised_ = false;
+  uint64_t pending_capacity_ = 0;    // documents; tested for equality
+  uint32_t batch_element_count_ = 0;  // of each buffer of the table writer
+  std::string search_table_name_;
+  std::string fid_index_name_;
+  std::string index_dir_;  // ends in a separator
+
+  std::map<uint32_t, PendingDocument> pending_documents_;  // by fid offset
+  std::vector<Signature> pending_signatures_;              // in the order added
+
+  std::unique_ptr<FidSigTree> fid_sig_tree_;
+  std::unique_ptr<SrcFidTree> src_fid_tree_;
+  std::unique_ptr<SigFidTree> sig_fid_tree_;
+};
+
+}  // namespace dlp_btree

@@ -1,0 +1,153 @@
+// Several threads of a host inside the built library at once. Meant above all
+// for the build with ThreadSanitizer.
+#include <atomic>
+#include <functional>
+#include <thread>
+
+#include "host_session.h"
+#include "prose.h"
+
+namespace {
+
+constexpr int kThreads = 8;
+
+class Threads : public LibraryTest {};
+
+// Runs work(0) to work(kThreads - 1) side by side.
+void together(const std::function<void(int)>& work) {
+  std::atomic<int> waiting{kThreads};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      --waiting;
+      while (waiting > 0) std::this_thread::yield();
+      work(i);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+Signatures some(int seed) { return documents::signatures(20, static_cast<uint64_t>(seed), 500); }
+
+TEST_F(Threads, GenerateTheSameLists) {
+  const std::string text = joined(paragraphs(40, 1));
+  for (const int platform : {TESSERA_SERVER, TESSERA_CLIENT}) {
+    ASSERT_EQ(0, InitSignatureGenerator(platform));
+    const Signatures expected = textSignatures(text);
+    const Signatures binary = binarySignatures(text);
+    together([&](int) {
+      for (int round = 0; round < 5; ++round) {
+        EXPECT_EQ(expected, textSignatures(text));
+        EXPECT_EQ(binary, binarySignatures(text));
+      }
+    });
+    ASSERT_EQ(0, ExitSignatureGenerator());
+  }
+}
+
+TEST_F(Threads, AddToOneIndex) {
+  configure("max_fid_num = 4\n");
+  IndexModel model(16);
+  model.open();
+  ASSERT_EQ(0, InitIndexSystem());
+  together([](int thread) {
+    for (int i = 0; i < 50; ++i) {
+      EXPECT_EQ(0, addDocument(thread * 50 + i, some(thread * 50 + i)));
+    }
+  });
+  for (int i = 0; i < kThreads * 50; ++i) model.add(i, some(i));
+  EXPECT_EQ(model.close(), ExitIndexSystem());
+  expectTables(model.tables(), readTables(dir_));
+}
+
+TEST_F(Threads, AddAndDeleteInOneIndex) {
+  configure("max_fid_num = 4\n");
+  IndexModel model(16);
+  model.open();
+  ASSERT_EQ(0, InitIndexSystem());
+  for (int i = 0; i < 200; ++i) {
+    model.add(i, some(i));
+    ASSERT_EQ(0, addDocument(i, some(i)));
+  }
+  model.close();
+  ASSERT_EQ(0, ExitIndexSystem());
+
+  model.open();
+  ASSERT_EQ(0, InitIndexSystem());
+  together([](int thread) {
+    for (int i = 0; i < 20; ++i) {
+      if (thread % 2 == 0) {
+        EXPECT_EQ(0, deleteDocuments({thread * 20 + i}));
+      } else {
+        EXPECT_EQ(0, addDocument(1000 + thread * 20 + i, some(thread)));
+      }
+    }
+  });
+  for (int thread = 0; thread < kThreads; ++thread) {
+    for (int i = 0; i < 20; ++i) {
+      if (thread % 2 == 0) {
+        model.erase({thread * 20 + i});
+      } else {
+        model.add(1000 + thread * 20 + i, some(thread));
+      }
+    }
+  }
+  EXPECT_EQ(model.close(), ExitIndexSystem());
+  expectTables(model.tables(), readTables(dir_));
+}
+
+TEST_F(Threads, OneOfManyOpensTheIndex) {
+  configure();
+  std::atomic<int> opened{0}, closed{0};
+  together([&](int) { opened += InitIndexSystem() == 0; });
+  EXPECT_EQ(1, opened);
+  together([&](int) { closed += ExitIndexSystem() == 0; });
+  EXPECT_EQ(1, closed);
+}
+
+TEST_F(Threads, SearchTheSameTables) {
+  configure();
+  IndexModel model;
+  model.open();
+  ASSERT_EQ(0, InitIndexSystem());
+  for (int i = 0; i < 60; ++i) {
+    model.add(i, some(i % 20));
+    ASSERT_EQ(0, addDocument(i, some(i % 20)));
+  }
+  model.close();
+  ASSERT_EQ(0, ExitIndexSystem());
+  ASSERT_EQ(0, InitMatchSystem());
+  together([&](int thread) {
+    for (int i = 0; i < 30; ++i) {
+      const Signatures query = some((i + thread) % 25);  // five of them are nobody's
+      EXPECT_EQ(model.match(query, 1), match(query));
+    }
+  });
+}
+
+// The three families know nothing of each other.
+TEST_F(Threads, GenerateIndexAndMatchAtOnce) {
+  configure("fid_index_fname = \"trees\"\n");
+  ASSERT_EQ(0, InitIndexSystem());
+  ASSERT_EQ(0, addDocument(1, some(1)));
+  ASSERT_EQ(0, ExitIndexSystem());
+  ASSERT_EQ(0, InitMatchSystem());
+  ASSERT_EQ(0, InitIndexSystem());
+  ASSERT_EQ(0, InitSignatureGenerator(TESSERA_SERVER));
+  const std::string text = joined(paragraphs(20, 1));
+  const Signatures expected = textSignatures(text);
+  together([&](int thread) {
+    for (int i = 0; i < 20; ++i) {
+      if (thread % 3 == 0) {
+        EXPECT_EQ(expected, textSignatures(text));
+      } else if (thread % 3 == 1) {
+        EXPECT_EQ(0, addDocument(100 + thread * 20 + i, some(i)));
+      } else {
+        EXPECT_EQ((Matches{{1, 2}}), match(some(1)));
+      }
+    }
+  });
+  EXPECT_EQ(0, ExitIndexSystem());
+}
+
+}  // namespace

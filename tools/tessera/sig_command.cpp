@@ -1,0 +1,32 @@
+// "tessera sig": the signatures of one file. Tests: tests/tool/tool_test.py.
+#include <fmt/format.h>
+
+#include "commands.h"
+#include "documents.h"
+#include "failure.h"
+#include "home.h"
+#include "library.h"
+
+namespace fs = std::filesystem;
+
+namespace tool {
+
+int sigCommand(const fs::path& home, const std::string& file) {
+  std::string content;
+  std::string reason;
+  const ReadOutcome outcome = readDocument(file, &content, &reason);
+  if (outcome == ReadOutcome::kNotText) reason = "not a text";
+  if (outcome != ReadOutcome::kText) {
+    throw Failure(fmt::format("cannot read {}: {}", file, reason));
+  }
+
+  const ScratchHome scratch(home);
+  const SignatureList signatures = Generator().signatures(&content);
+  if (signatures.empty()) complain(fmt::format("note: {} is too short for a signature", file));
+  for (const Signature& signature : signatures) {
+    fmt::print("{:02x}\n", fmt::join(signature, ""));
+  }
+  return kDone;
+}
+
+}  // namespace tool
