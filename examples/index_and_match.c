@@ -13,13 +13,16 @@
 static char contract[] =
     "The supplier delivers twelve feed pumps of the series M-430 to the works in Aarau, the first "
     "four of them by the end of March and the rest in monthly lots of two. Each pump is run for "
-    "forty-eight hours at ninety percent of its rated pressure before it leaves the test bench, and "
-    "the log of that run goes with the shipping papers. The price of one pump is 48,200 francs free "
+    "forty-eight hours at ninety percent of its rated pressure before it leaves the test bench, "
+    "and "
+    "the log of that run goes with the shipping papers. The price of one pump is 48,200 francs "
+    "free "
     "works, packing included. A delay of more than ten working days lowers the price of the late "
     "lot by one percent for each further week, but by no more than eight percent altogether. Both "
     "sides keep the content of this agreement and its annexes to themselves for five years. The "
     "drawings that the supplier hands over stay the property of the supplier; they may be copied "
-    "for operation and repair, and for nothing else. Spare seals and bearings are held in stock for "
+    "for operation and repair, and for nothing else. Spare seals and bearings are held in stock "
+    "for "
     "fifteen years after the last delivery, at list prices less a fifth.";
 
 static char minutes[] =

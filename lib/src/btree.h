@@ -74,4 +74,57 @@ class BTree {
   // Walks every block and checks order, separators, fill, links, counts and the
   // free blocks. A breach is named in `problem` and makes the tree invalid.
   bool verify(std::string* problem = nullptr);
+
+ private:
+  using LeafBlock = Leaf<Record>;
+  using NodeBlock = Node<Record>;
+  using Entry = NodeEntry<Record>;
+
+  // The way from the root to a leaf.
+  struct Step {
+    uint64_t number = 0;  // of the block
+    uint32_t child = 0;   // the child taken, in a node
+    bool last = false;    // the block is the last one of its level
+  };
+  struct Path {
+    Step steps[TreeBlocks::kMaxHeight];  // by level, 0 being the leaf
+    Record bound = {};  // what is less belongs to the leaf, unless that is the last
+  };
+
+  // A record of a batch that is new, and the place in the leaf where it goes.
+  struct Accepted {
+    size_t index;
+    size_t place;
+  };
+
+  struct Audit;  // what verify() gathers
+
+  bool equal(const Record& left, const Record& right) const;
+  bool descend(const Record& record, Path* path);
+  bool plant(const Record& record);
+  bool insertIntoLeaf(const Step& step, const Record* records, size_t count, size_t first,
+                      std::vector<bool>* refused);
+  bool spread(LeafBlock leaf, bool append);
+  bool attach(const Record& separator, uint64_t child);
+  bool splitNode(NodeBlock node, const Step& step, uint32_t level, Entry* entry);
+  bool growRoot(const Entry& entry);
+  bool refill(const Path& path, BlockRef block);
+  bool joinLeaves(NodeBlock* parent, uint32_t separator, LeafBlock left, LeafBlock right);
+  bool joinNodes(NodeBlock* parent, uint32_t separator, uint32_t level, NodeBlock left,
+                 NodeBlock right);
+  bool breach();
+  bool auditBlock(uint64_t number, uint32_t level, const Record* lower, const Record* upper,
+                  Audit* audit);
+  bool auditCollection(uint32_t level, Audit* audit);
+
+  TreeBlocks blocks_;
+  const Less less_ = Less();
+  uint64_t leaves_scanned_ = 0;  // by nextLeaf() since the first leaf
+
+  // Working memory, taken at opening, so that no operation runs out of it midway.
+  std::vector<Accepted> accepted_;
+  std::vector<Record> records_;
+  std::vector<Entry> entries_;
 };
+
+#include "btree_impl.h"

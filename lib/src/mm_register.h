@@ -10,8 +10,13 @@
 
 class MM_register_base {
  public:
-  // There should be one instance only, memoryRegister(). Any further one is
-  // reported in the runtime's log, when that is enabled, and works on its own.
+  // There should be no instance but this one. It exists from the load of the
+  // library on, or from its first use if that comes earlier, and is never
+  // destroyed: trees may be closed while the library is unloaded.
+  static MM_register_base& instance();
+
+  // Any further one is reported in the runtime's log, when that is enabled,
+  // and works on its own.
   MM_register_base();
   ~MM_register_base();
   MM_register_base(const MM_register_base&) = delete;
@@ -28,7 +33,3 @@ class MM_register_base {
   size_t limit_ = 0;
   size_t used_ = 0;
 };
-
-// The one instance. It exists from the load of the library on, or from its
-// first use if that comes earlier, and is never destroyed.
-MM_register_base& memoryRegister();

@@ -62,7 +62,8 @@ class FidSigIndexCollector {
   // tells. Commit() makes deletions lasting.
   int DeleteFidSignature(uint32_t fid_offset);
 
-  // Makes the trees on disk what they are in memory. False after an I/O error.
+  // Makes the trees on disk what they are in memory. False before Init and after
+  // an I/O error.
   bool Commit();
 
   // Writes the four search tables anew, `meta_data` at the head of both meta
@@ -84,14 +85,14 @@ class FidSigIndexCollector {
     uint32_t end;
   };
 
-  int initialise(const IndexSysConfiguration& configuration, const char* index_dir);
   int make_dir(const std::string& directory);
   int gen_btree();
   bool treesValid() const;
+  bool commitTrees();
   void closeTrees() noexcept;
 
   bool initialised_ = false;
-  uint64_t pending_capacity_ = 0;    // documents; tested for equality
+  uint64_t pending_capacity_ = 0;     // documents; tested for equality
   uint32_t batch_element_count_ = 0;  // of each buffer of the table writer
   std::string search_table_name_;
   std::string fid_index_name_;

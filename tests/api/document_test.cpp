@@ -89,15 +89,15 @@ TEST_F(DocumentTest, ReorderedParagraphsAreRecognised) {
 
 TEST_F(DocumentTest, AMixOfTwoDocumentsNamesBoth) {
   index(TESSERA_CLIENT);
-  const std::string mix = joined(document_[4], 0, 5) + joined(paragraphs(3, 999)) +
-                          joined(document_[0], 6, 11);
+  const std::string mix =
+      joined(document_[4], 0, 5) + joined(paragraphs(3, 999)) + joined(document_[0], 6, 11);
   EXPECT_EQ((Matches{{100, 2}, {104, 2}}), find(mix));
 }
 
 TEST_F(DocumentTest, OneParagraphAmongManyIsAWeakMatchOrLess) {
   index(TESSERA_CLIENT);
-  const std::string hidden = joined(paragraphs(60, 500)) + joined(document_[5], 3, 5) +
-                             joined(paragraphs(60, 501));
+  const std::string hidden =
+      joined(paragraphs(60, 500)) + joined(document_[5], 3, 5) + joined(paragraphs(60, 501));
   const Matches found = find(hidden);
   ASSERT_EQ(1u, found.size());
   EXPECT_EQ(105, found[0].file_id);
@@ -158,9 +158,10 @@ TEST_F(DocumentTest, TheSameTextUnderSeveralFileIdsNamesThemAll) {
     ASSERT_EQ(0, addDocument(file_id, list));
   }
   finishIndex();
-  EXPECT_EQ((Matches{{-2147483648LL, 2}, {-2, 2}, {0, 2}, {1, 2}, {2, 2}, {3, 2}, {100, 2},
-                     {2147483646, 2}}),
-            find(joined(document_[0])));
+  EXPECT_EQ(
+      (Matches{
+          {-2147483648LL, 2}, {-2, 2}, {0, 2}, {1, 2}, {2, 2}, {3, 2}, {100, 2}, {2147483646, 2}}),
+      find(joined(document_[0])));
 }
 
 TEST_F(DocumentTest, AnImageIsRecognisedByItsExactBytesOnly) {

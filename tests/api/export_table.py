@@ -54,6 +54,8 @@ def windows_facts(library, objdump):
     headers = output(objdump, "-p", library)
     table = headers.split("[Ordinal/Name Pointer] Table", 1)[1].split("\n\n", 1)[0]
     exported = set(re.findall(r"^\s*\[\s*\d+\]\s+(?:\+base\[\s*\d+\]\s+\S+\s+)?(\S+)", table, re.M))
+    if headers.count("Export RVA") != len(exported):
+        exported.add("something without a name")
     needed = {name.lower() for name in re.findall(r"DLL Name:\s+(\S+)", headers)}
     own_name = re.findall(r"^Name\s+\S+\s+(\S+)", headers, re.M)
     return exported, needed - WINDOWS_LIBRARIES, own_name, ["tessera.dll"]

@@ -197,8 +197,8 @@ Signature binarySignature(const std::string& bytes) {
   Signature signature = {};
   for (size_t at = 0; at + 4 < length; at += step) {
     for (size_t k = 0; k < 4; ++k) {
-      signature.bytes[k] =
-          static_cast<unsigned char>(signature.bytes[k] + static_cast<unsigned char>(bytes[at + k]));
+      signature.bytes[k] = static_cast<unsigned char>(signature.bytes[k] +
+                                                      static_cast<unsigned char>(bytes[at + k]));
     }
   }
   char digits[5];

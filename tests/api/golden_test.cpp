@@ -9,8 +9,8 @@
 #include <iterator>
 #include <set>
 
-#include "scenario.h"
 #include "golden.h"
+#include "scenario.h"
 #include "temp_dir.h"
 
 namespace {

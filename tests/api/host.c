@@ -8,12 +8,12 @@
 
 #include "tessera.h"
 
-#define CHECK(condition)                                                \
-  do {                                                                  \
-    if (!(condition)) {                                                 \
+#define CHECK(condition)                                               \
+  do {                                                                 \
+    if (!(condition)) {                                                \
       fprintf(stderr, "line %d: %s is false\n", __LINE__, #condition); \
-      return 1;                                                         \
-    }                                                                   \
+      return 1;                                                        \
+    }                                                                  \
   } while (0)
 
 enum { kLength = 20000 };
@@ -61,7 +61,10 @@ int main(void) {
   CHECK(AddDocSignature(2, signatures, count) == 0);
   CHECK(FreeSignature(signatures) == 0);
   CHECK(GenerateSignature4Binary((char*)image, sizeof image, &signatures, &count) == 0);
-  CHECK(count == 1 && memcmp(signatures[0], "\0\0\0\0" "03e8", 8) == 0);
+  CHECK(count == 1 && memcmp(signatures[0],
+                             "\0\0\0\0"
+                             "03e8",
+                             8) == 0);
   CHECK(AddDocSignature(3, signatures, count) == 0);
   CHECK(FreeSignature(signatures) == 0);
   CHECK(ExitIndexSystem() == 0);

@@ -32,12 +32,12 @@ std::string metaFile(int64_t base, uint32_t level, const Signatures& signatures)
   return file;
 }
 
+// False when the file ID is too far from the base. Exact for any two numbers.
 bool fidOf(int64_t file_id, int64_t base, int32_t* fid) {
-  // Base and file ID of these tests are far from the 64-bit limits, or one of
-  // them is: __int128 holds every distance.
-  const __int128 distance = static_cast<__int128>(file_id) - base;
-  if (distance >= (int64_t{1} << 31) || distance <= -(int64_t{1} << 31)) return false;
-  *fid = static_cast<int32_t>(distance);
+  const uint64_t above = static_cast<uint64_t>(file_id) - static_cast<uint64_t>(base);
+  const uint64_t distance = file_id > base ? above : 0 - above;
+  if (distance >= uint64_t{1} << 31) return false;
+  *fid = static_cast<int32_t>(static_cast<uint32_t>(above));
   return true;
 }
 

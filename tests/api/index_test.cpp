@@ -63,10 +63,10 @@ TEST_F(Index, InitNeedsTheConfigurationFile) {
 }
 
 TEST_F(Index, InitRefusesAMalformedConfiguration) {
-  for (const char* lines :
-       {"max_fid_num=12x\n", "max_fid_num=-1\n", "max_fid_num 5\n", "max_fid_num=5\nmax_fid_num=5\n",
-        "fid_index_fname=\"\"\n", "fid_index_fname=\"two words\"\n", "=5\n",
-        "search_table_fname=\"a_name_of_thirty_characters_xx\"\n"}) {
+  for (const char* lines : {"max_fid_num=12x\n", "max_fid_num=-1\n", "max_fid_num 5\n",
+                            "max_fid_num=5\nmax_fid_num=5\n", "fid_index_fname=\"\"\n",
+                            "fid_index_fname=\"two words\"\n", "=5\n",
+                            "search_table_fname=\"a_name_of_thirty_characters_xx\"\n"}) {
     configure(lines);
     EXPECT_EQ(1, InitIndexSystem()) << lines;
   }
@@ -93,7 +93,8 @@ TEST_F(Index, InitFailsWhereAFileBearsTheDirectorysName) {
 }
 
 TEST_F(Index, InitFailsOnATreeThatCannotBeOpened) {
-  for (const char* tree : {"fid_index.fidt.l.blk", "fid_index.sidt.n.blk", "fid_index.sigt.l.blk"}) {
+  for (const char* tree :
+       {"fid_index.fidt.l.blk", "fid_index.sidt.n.blk", "fid_index.sigt.l.blk"}) {
     SCOPED_TRACE(tree);
     configure();
     dir_.makeDirectory("sig_index_DB");
@@ -298,7 +299,8 @@ TEST_F(Index, UnknownFileIdsAreNoFailure) {
 TEST_F(Index, TheRootSurvivesTheDeletionOfEverything) {
   configure();
   open();
-  for (int64_t file_id = 0; file_id < 50; ++file_id) add(file_id, some(static_cast<uint64_t>(file_id)));
+  for (int64_t file_id = 0; file_id < 50; ++file_id)
+    add(file_id, some(static_cast<uint64_t>(file_id)));
   close();
   open();
   std::vector<int64_t> all = {-1};
@@ -325,12 +327,15 @@ TEST_F(Index, ADeletedFileIdCanBeAddedAgain) {
 
 // Four times "max_fid_num" documents wait, the root among them; the next one
 // has them all written.
-TEST_F(Index, AFullCollectorSavesItself) {
+TEST_F(Index, AFullCollectorSavesItselfBeforeItLooksForTheFileId) {
   configure("max_fid_num = 1\n");
   model_ = IndexModel(4);
   open();
-  for (int64_t file_id = 1; file_id <= 3; ++file_id) add(file_id, some(1));
-  EXPECT_EQ(2, addDocument(2, some(2))) << "full, but nothing has asked for room yet";
+  for (int64_t file_id = 1; file_id <= 2; ++file_id) add(file_id, some(1));
+  EXPECT_EQ(2, addDocument(2, some(2)));
+  add(3, some(1));
+  EXPECT_EQ(0, addDocument(2, some(2)));
+  EXPECT_EQ(0, model_.add(2, some(2)));
   close();
 }
 

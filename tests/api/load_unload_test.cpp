@@ -34,7 +34,8 @@ struct Tessera {
   explicit Tessera(const std::string& path) : library(path) {}
 
   DynamicLibrary library;
-#define TESSERA_FUNCTION(name) decltype(::name)* const name = library.function<decltype(::name)>(#name)
+#define TESSERA_FUNCTION(name) \
+  decltype(::name)* const name = library.function<decltype(::name)>(#name)
   TESSERA_FUNCTION(InitSignatureGenerator);
   TESSERA_FUNCTION(GenerateSignature4Text);
   TESSERA_FUNCTION(FreeSignature);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 #include "documents.h"
@@ -46,7 +47,7 @@ Signatures draw(const Signatures& from, documents::Random* random, size_t most) 
   return list;
 }
 
-constexpr int64_t kDocuments = 300;
+constexpr int64_t kDocuments = 500;
 constexpr int64_t kFirst = -2147483648, kLast = 2147483646;
 
 // Spread over the whole range; never the root's -1.
@@ -65,7 +66,8 @@ std::map<std::string, std::string> signatureLists(uint64_t seed) {
       {"bytes", documents::bytes(30000, seed)},    {"same", std::string(5000, '\x89')},
   };
   std::map<std::string, std::string> lists;
-  for (const auto& [platform, name] : {std::pair{TESSERA_SERVER, "server"}, {TESSERA_CLIENT, "client"}}) {
+  for (const auto& [platform, name] :
+       {std::pair{TESSERA_SERVER, "server"}, {TESSERA_CLIENT, "client"}}) {
     REQUIRE(0, InitSignatureGenerator(platform));
     for (auto [key, text] : texts) {
       unsigned char(*list)[8];
@@ -103,7 +105,7 @@ void createIndex(uint64_t seed) {
   REQUIRE(0, InitIndexSystem());
   std::vector<int64_t> deleted = {-5, 12345};  // nobody's
   for (int64_t i = 0; i < kDocuments; ++i) {
-    if (random.oneIn(3)) deleted.push_back(fileId(i));
+    if (!random.oneIn(3)) deleted.push_back(fileId(i));
   }
   REQUIRE(0, DelDocSignature(deleted.data(), static_cast<int>(deleted.size())));
   for (int64_t i = 0; i < kDocuments; i += 20) add(0, fileId(i), draw(from, &random, 40));
@@ -139,14 +141,15 @@ std::vector<std::string> matchIndex(uint64_t seed) {
     _DLPSigMatchRet any;
     _DLPSigMatchRet* result = &any;
     int count;
-    REQUIRE(0, MatchSignature(exported(query), static_cast<int>(query.size()), i % 4, &result,
-                              &count));
-    std::string answer = std::to_string(i) + ":";
+    REQUIRE(
+        0, MatchSignature(exported(query), static_cast<int>(query.size()), i % 4, &result, &count));
+    std::ostringstream answer;
+    answer << i << ":";
     for (int k = 0; k < count; ++k) {
-      answer += " " + std::to_string(result[k].fileID) + "/" + std::to_string(result[k].match_level);
+      answer << " " << result[k].fileID << "/" << result[k].match_level;
     }
     FreeSigMatchRet(result);
-    answers.push_back(answer);
+    answers.push_back(answer.str());
   }
   REQUIRE(0, ExitMatchSystem());
   return answers;

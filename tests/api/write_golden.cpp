@@ -18,6 +18,11 @@ void emptyDirectory(const fs::path& directory) {
   fs::create_directory(directory);
 }
 
+// The content alone: index files are their owner's only, golden files are not.
+void copyContent(const fs::path& from, const fs::path& to) {
+  std::ofstream(to, std::ios::binary) << std::ifstream(from, std::ios::binary).rdbuf();
+}
+
 void write(const fs::path& directory) {
   const fs::path work = directory / "work";
   emptyDirectory(work);
@@ -30,12 +35,14 @@ void write(const fs::path& directory) {
 
   scenario::createIndex(golden::kSeed);
   emptyDirectory(directory / "index");
-  fs::copy("sig_index_DB", directory / "index");
+  for (const auto& entry : fs::directory_iterator("sig_index_DB")) {
+    copyContent(entry, directory / "index" / entry.path().filename());
+  }
 
   scenario::growIndex(golden::kSeed);
   emptyDirectory(directory / "grown");
   for (const char* name : {"meta_data.bin", "search_table.wtbl", "search_table.stbl"}) {
-    fs::copy_file(fs::path("sig_index_DB") / name, directory / "grown" / name);
+    copyContent(fs::path("sig_index_DB") / name, directory / "grown" / name);
   }
 
   fs::current_path(directory);

@@ -85,9 +85,9 @@ class GenerationProperty : public testing::Test {
     setMaxContentSize(static_cast<int>(limit));
     for (const Family family : {Family::kKarpRabin, Family::kAdler}) {
       for (const int platform : {kServer, kClient}) {
-        SCOPED_TRACE(testing::Message() << "platform " << platform << ", family "
-                                        << static_cast<int>(family) << ", bytes " << text.size()
-                                        << ", limit " << limit);
+        SCOPED_TRACE(testing::Message()
+                     << "platform " << platform << ", family " << static_cast<int>(family)
+                     << ", bytes " << text.size() << ", limit " << limit);
         usePlatform(platform);
         int normalized_length = -1;
         const twin::List list = generated(text, family, kTextContent, &normalized_length);

@@ -60,7 +60,7 @@ bool FailPoint::fails(Call call, const std::string& path) {
 }
 
 void FailPoint::setEnvironment(const char* name, const char* value) {
-  environment_.emplace(name, value);
+  environment_[name] = value != nullptr ? std::optional<std::string>(value) : std::nullopt;
 }
 
 std::unique_ptr<platform::File> FailPoint::open(const char* path, platform::OpenMode mode) {
@@ -94,13 +94,14 @@ int FailPoint::makeDirectory(const platform::PathChar* path) {
   return fails(Call::kMakeDirectory, "") ? EACCES : platform::native().makeDirectory(path);
 }
 
-uint32_t FailPoint::allocationGranularity() { return platform::native().allocationGranularity(); }
+uint32_t FailPoint::allocationGranularity() {
+  return granularity_ != 0 ? granularity_ : platform::native().allocationGranularity();
+}
 
 const char* FailPoint::environment(const char* name) {
-  for (const auto& [key, value] : environment_) {
-    if (key == name) return value.c_str();
-  }
-  return platform::native().environment(name);
+  const auto set = environment_.find(name);
+  if (set == environment_.end()) return platform::native().environment(name);
+  return set->second ? set->second->c_str() : nullptr;
 }
 
 int64_t FailPoint::time() { return platform::native().time(); }

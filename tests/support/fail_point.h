@@ -1,6 +1,8 @@
 // Stands in front of the operating system and lets chosen calls fail.
 #pragma once
 
+#include <map>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -41,7 +43,9 @@ class FailPoint final : public platform::System {
                const std::string& path_part = "");
   int count() const { return count_; }  // watched calls since fail()
   bool failed() const { return failures_ > 0; }
-  void setEnvironment(const char* name, const char* value);  // what environment() answers
+  void setEnvironment(const char* name,
+                      const char* value);  // what environment() answers; null: not set
+  void setGranularity(uint32_t bytes) { granularity_ = bytes; }  // 0: that of the system
 
   std::unique_ptr<platform::File> open(const char* path, platform::OpenMode mode) override;
   bool remove(const char* path) override;
@@ -64,5 +68,6 @@ class FailPoint final : public platform::System {
   bool lasting_ = false;
   int count_ = 0;
   int failures_ = 0;
-  std::set<std::pair<std::string, std::string>> environment_;
+  uint32_t granularity_ = 0;
+  std::map<std::string, std::optional<std::string>> environment_;
 };

@@ -63,11 +63,33 @@ constexpr char kSigHelp[] =
     "Example:\n"
     "  comm -12 <(tessera sig a.txt) <(tessera sig b.txt)     what two texts share";
 
+// The arguments, last one first. A file name "[a,b]" would be taken for a list
+// of two; written as "./[a,b]" it names the same file and stays one.
+std::vector<std::string> reversedArguments(int argc, char** argv) {
+  std::vector<std::string> arguments;
+  for (int i = argc - 1; i > 0; --i) {
+    const std::string argument = argv[i];
+    const bool list_like = argument.starts_with('[') && argument.ends_with(']');
+    arguments.push_back(list_like ? "./" + argument : argument);
+  }
+  return arguments;
+}
+
+std::string usageError(const CLI::App* app, const CLI::Error& error) {
+  std::string message = error.what();
+  if (app->get_subcommands().empty() && app->remaining_size() > 0) {
+    message = fmt::format("there is no verb '{}'", app->remaining().front());
+  }
+  return fmt::format("tessera: {}\n'tessera --help' and 'tessera VERB --help' tell more.\n",
+                     message);
+}
+
 int run(int argc, char** argv) {
   CLI::App app(kAbout, "tessera");
   app.set_version_flag("--version", std::string("tessera ") + TESSERA_VERSION);
   app.footer(kExamples);
   app.require_subcommand(1);
+  app.failure_message(usageError);
 
   std::string home_option;
   std::vector<std::string> paths;
@@ -75,7 +97,7 @@ int run(int argc, char** argv) {
   int min_level = 1;
 
   CLI::App* index = app.add_subcommand("index", "Add files to the index, or renew them");
-  index->add_option("PATH", paths, "Files, and directories with all that is below them")
+  index->add_option("PATH", paths, "Files, and directories with all below them")
       ->required()
       ->type_name("");
   index->footer(kIndexHelp);
@@ -102,7 +124,7 @@ int run(int argc, char** argv) {
     return tool::kFailed;
   }
   try {
-    app.parse(argc, argv);
+    app.parse(reversedArguments(argc, argv));
   } catch (const CLI::ParseError& outcome) {
     return app.exit(outcome) == 0 ? tool::kDone : tool::kFailed;  // 0 is --help and --version
   }

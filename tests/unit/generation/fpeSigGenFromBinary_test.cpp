@@ -21,8 +21,7 @@ Signature of(const std::string& content) {
   std::copy(content.begin(), content.end(), block.get());
   Signature* list = nullptr;
   int count = 0;
-  EXPECT_EQ(kOk,
-            getBinarySignature(block.get(), static_cast<int>(content.size()), &list, &count));
+  EXPECT_EQ(kOk, getBinarySignature(block.get(), static_cast<int>(content.size()), &list, &count));
   EXPECT_EQ(1, count);
   const MallocArray<Signature> owner(list);
   return list != nullptr ? list[0] : Signature{};

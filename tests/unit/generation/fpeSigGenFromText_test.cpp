@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -111,6 +112,9 @@ struct Scanners {
   ContinuingRangeScanner scan_on;
 };
 
+// A name instead of addresses in the names of the tests.
+void PrintTo(const Scanners& parameter, std::ostream* out) { *out << parameter.name; }
+
 class RangeScan : public Generation, public testing::WithParamInterface<Scanners> {
  protected:
   static uint64_t hashAt(const std::string& text, size_t window) {
@@ -129,12 +133,12 @@ class RangeScan : public Generation, public testing::WithParamInterface<Scanners
   }
 };
 
-INSTANTIATE_TEST_SUITE_P(
-    Families, RangeScan,
-    testing::Values(Scanners{"KR", Family::kKarpRabin, getHashValues_KR, getHashValuesNoHorner_KR},
-                    Scanners{"Adler", Family::kAdler, getHashValues_Adler,
-                             getHashValuesNoHorner_Adler}),
-    [](const auto& test) { return test.param.name; });
+INSTANTIATE_TEST_SUITE_P(Families, RangeScan,
+                         testing::Values(Scanners{"KR", Family::kKarpRabin, getHashValues_KR,
+                                                  getHashValuesNoHorner_KR},
+                                         Scanners{"Adler", Family::kAdler, getHashValues_Adler,
+                                                  getHashValuesNoHorner_Adler}),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_P(RangeScan, AnEmptyRangeTouchesNothing) {
   const std::string text = documents::letters(200, 1);
@@ -259,8 +263,8 @@ TEST_P(RangeScan, ARangeWithoutASelectedWindowIsReportedAndSucceeds) {
                               : scan(text, 1, 100, result.output()));
     EXPECT_EQ(0u, result.count);
     EXPECT_EQ(hashAt(text, 99), result.last_hash);
-    expectLog("Info", "#<" + functionOf(continuing) +
-                          ">#oh shit, we get a unsuitable prime, j = 0");
+    expectLog("Info",
+              "#<" + functionOf(continuing) + ">#oh shit, we get a unsuitable prime, j = 0");
   }
 }
 
@@ -319,13 +323,12 @@ Selection select(int platform, const std::string& text, Family family = Family::
   Selection result = {0, {}, -1};
   const bool karp_rabin = family == Family::kKarpRabin;
   const RangeScanner scan = karp_rabin ? getHashValues_KR : getHashValues_Adler;
-  result.status =
-      platform == kServer
-          ? getSignatureServer(bytes(text), length(text), &list, &count, &result.normalized_length,
-                               scan,
-                               karp_rabin ? getHashValuesNoHorner_KR : getHashValuesNoHorner_Adler)
-          : getSignatureClient(bytes(text), length(text), &list, &count, &result.normalized_length,
-                               scan);
+  result.status = platform == kServer ? getSignatureServer(bytes(text), length(text), &list, &count,
+                                                           &result.normalized_length, scan,
+                                                           karp_rabin ? getHashValuesNoHorner_KR
+                                                                      : getHashValuesNoHorner_Adler)
+                                      : getSignatureClient(bytes(text), length(text), &list, &count,
+                                                           &result.normalized_length, scan);
   const MallocArray<Signature> owner(list);
   EXPECT_EQ(count == 0, list == nullptr);
   for (int i = 0; i < count; ++i) {
@@ -344,7 +347,9 @@ class SignatureSelection : public Generation, public testing::WithParamInterface
 };
 
 INSTANTIATE_TEST_SUITE_P(Platforms, SignatureSelection, testing::Values(kServer, kClient),
-                         [](const auto& test) { return test.param == kServer ? "Server" : "Client"; });
+                         [](const auto& test) {
+                           return test.param == kServer ? "Server" : "Client";
+                         });
 
 TEST_P(SignatureSelection, SixtyBytesAreTooShort) {
   for (const int bytes : {60, 1, 0}) {
@@ -391,11 +396,11 @@ TEST_P(SignatureSelection, AMissingListOrCountIsRefusedAndNothingTouched) {
     int count = 5;
     Signature** const signatures = no_list ? nullptr : &list;
     int* const number = no_list ? &count : nullptr;
-    EXPECT_EQ(kErrParam,
-              server() ? getSignatureServer(bytes(text), 100, signatures, number, nullptr,
-                                            getHashValues_KR, getHashValuesNoHorner_KR)
-                       : getSignatureClient(bytes(text), 100, signatures, number, nullptr,
-                                            getHashValues_KR));
+    EXPECT_EQ(kErrParam, server()
+                             ? getSignatureServer(bytes(text), 100, signatures, number, nullptr,
+                                                  getHashValues_KR, getHashValuesNoHorner_KR)
+                             : getSignatureClient(bytes(text), 100, signatures, number, nullptr,
+                                                  getHashValues_KR));
     EXPECT_EQ(&dirty, list);
     EXPECT_EQ(5, count);
     expectLog("Info", "#<" + function() + ">#signature or size is null");
@@ -421,6 +426,27 @@ TEST_P(SignatureSelection, WhatLiesBehindTheMaximumContentSizeDoesNotCount) {
   EXPECT_EQ(1500, cut.normalized_length);
   setMaxContentSize(1500 * 2);
   EXPECT_EQ(of(text.substr(0, 1500)).list, cut.list);
+}
+
+// The byte behind the text that is scanned.
+int byte_behind_text = -1;
+
+int noteByteBehindText(const unsigned char*, const unsigned char* end, const ScanOutput& out) {
+  byte_behind_text = end[60];
+  *out.count = 0;
+  return kOk;
+}
+
+TEST_P(SignatureSelection, ACutTextIsFollowedByAZero) {
+  setMaxContentSize(500);
+  const std::string text = documents::letters(1000, 4);
+  Signature* list = nullptr;
+  int count = 0;
+  EXPECT_EQ(kOk, server() ? getSignatureServer(bytes(text), 1000, &list, &count, nullptr,
+                                               noteByteBehindText, nullptr)
+                          : getSignatureClient(bytes(text), 1000, &list, &count, nullptr,
+                                               noteByteBehindText));
+  EXPECT_EQ(0, byte_behind_text);
 }
 
 TEST_P(SignatureSelection, ATextAsLongAsTheMaximumIsNotCut) {
@@ -476,13 +502,13 @@ TEST_P(SignatureSelection, EveryLostBlockOfMemoryIsToldAndLeavesNoListBehind) {
                 {"Info", "no memory for per_piece_pick_idx"},
                 {"Error", "no mem for signature (sig_num: 6)"}};
   } else {
-    messages = {{"Error", "normlizeText error"},
-                {"Info", "no mem for hvs"},
-                {"Info", "no mem for sigs"},
-                {"Error", "no mem for signature (sig_num: " +
-                              std::to_string(
-                                  twin::selected(Family::kKarpRabin, text, 0, 2940).size()) +
-                              ")"}};
+    messages = {
+        {"Error", "normlizeText error"},
+        {"Info", "no mem for hvs"},
+        {"Info", "no mem for sigs"},
+        {"Error", "no mem for signature (sig_num: " +
+                      std::to_string(twin::selected(Family::kKarpRabin, text, 0, 2940).size()) +
+                      ")"}};
   }
   FailPoint point;
   for (size_t n = 0; n < messages.size(); ++n) {
@@ -566,8 +592,8 @@ int fakeScan(const unsigned char* start, const unsigned char* end, const ScanOut
   EXPECT_EQ(5000u, out.capacity);
   for (uint32_t i = 0; i < piece_count; ++i) {
     out.hvs[i] = i;
-    out.sigs[i] = documents::signature({piece_number, static_cast<int>(i / 256),
-                                        static_cast<int>(i % 256), 0, 0, 0, 0, 0});
+    out.sigs[i] = documents::signature(
+        {piece_number, static_cast<int>(i / 256), static_cast<int>(i % 256), 0, 0, 0, 0, 0});
   }
   ++piece_number;
   *out.count = piece_count;
@@ -671,8 +697,8 @@ TEST_F(Generation, AnEmptyLastPieceRepeatsThePicksBeforeIt) {
   point.fail(Call::kAllocate, 7);
   Signature* list = nullptr;
   int count = 0;
-  EXPECT_EQ(kErrMem, getSignatureServer(bytes(text), 2048, &list, &count, nullptr, fakeScan,
-                                        fakeScanOn));
+  EXPECT_EQ(kErrMem,
+            getSignatureServer(bytes(text), 2048, &list, &count, nullptr, fakeScan, fakeScanOn));
   expectLog("Error", "#<getSignatureServer>#no mem for signature (sig_num: 6)");
 }
 

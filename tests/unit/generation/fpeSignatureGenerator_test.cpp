@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <ostream>
 #include <string>
 
 #include "documents.h"
@@ -23,6 +24,9 @@ struct Entry {
   Family family;
   decltype(&generateVornetSignature_KR) generate;
 };
+
+// A name instead of addresses in the names of the tests.
+void PrintTo(const Entry& parameter, std::ostream* out) { *out << parameter.name; }
 
 struct Result {
   int status = 0;
@@ -124,8 +128,7 @@ TEST_P(VornetSignature, EachPlatformHasItsOwnSelection) {
   EXPECT_EQ(twin::client(GetParam().family, text, 1 << 20), client.list);
   EXPECT_GT(client.list.size(), server.size());
   EXPECT_LE(server.size(), 20u);  // 20 pieces with one pick each
-  EXPECT_TRUE(
-      std::includes(client.list.begin(), client.list.end(), server.begin(), server.end()));
+  EXPECT_TRUE(std::includes(client.list.begin(), client.list.end(), server.begin(), server.end()));
 }
 
 TEST_P(VornetSignature, AFailureIsPassedUpWithNoListAndNoCount) {

@@ -1,0 +1,17 @@
+# Entry points; the work is done by the scripts of the same names.
+
+.PHONY: help demo test coverage clean
+
+help:
+	@echo 'make demo      index texts of this machine and find five queries in them'
+	@echo 'make test      build and test everything: Linux, sanitizers, Windows under Wine'
+	@echo 'make coverage  run the tests with coverage and print it by folder'
+	@echo 'make clean     remove build/'
+	@echo
+	@echo 'All of them work below build/ and install missing Debian packages first.'
+
+demo test coverage:
+	@scripts/$@
+
+clean:
+	rm -rf build
