@@ -11,39 +11,38 @@
 #include "tessera.h"
 
 static char contract[] =
-    "The supplier delivers twelve feed pumps of the series M-430 to the works in Aarau, the first "
-    "four of them by the end of March and the rest in monthly lots of two. Each pump is run for "
-    "forty-eight hours at ninety percent of its rated pressure before it leaves the test bench, "
-    "and "
-    "the log of that run goes with the shipping papers. The price of one pump is 48,200 francs "
-    "free "
-    "works, packing included. A delay of more than ten working days lowers the price of the late "
-    "lot by one percent for each further week, but by no more than eight percent altogether. Both "
-    "sides keep the content of this agreement and its annexes to themselves for five years. The "
-    "drawings that the supplier hands over stay the property of the supplier; they may be copied "
-    "for operation and repair, and for nothing else. Spare seals and bearings are held in stock "
-    "for "
-    "fifteen years after the last delivery, at list prices less a fifth.";
+    "The supplier delivers twelve feed pumps of the series M-430 to the works in Aarau, the "
+    "first four of them by the end of March and the rest in monthly lots of two. Each pump is "
+    "run for forty-eight hours at ninety percent of its rated pressure before it leaves the test "
+    "bench, and the log of that run goes with the shipping papers. The price of one pump is "
+    "48,200 francs free works, packing included. A delay of more than ten working days lowers "
+    "the price of the late lot by one percent for each further week, but by no more than eight "
+    "percent altogether. Both sides keep the content of this agreement and its annexes to "
+    "themselves for five years. The drawings that the supplier hands over stay the property of "
+    "the supplier; they may be copied for operation and repair, and for nothing else. Spare "
+    "seals and bearings are held in stock for fifteen years after the last delivery, at list "
+    "prices less a fifth.";
 
 static char minutes[] =
     "Present were the five members of the board and the head of finance. The chair opened the "
     "meeting at nine and stated that the invitation had been sent in time. Revenue of the third "
-    "quarter came to 31.4 million, two million below the plan, since two large orders from Norway "
-    "slipped into the new year. The board discussed the offer for the valve division that came in "
-    "on the fourteenth. Three members favour a sale above 60 million; the two others want to wait "
-    "for the figures of the whole year. It was agreed to let the bidder into the books under a "
-    "letter of confidence, and to answer the offer in the second week of January. The salaries of "
-    "the staff rise by 1.8 percent in April. The works council hears of it on Monday, and nobody "
-    "speaks of it before. The next meeting is on the ninth of January, again at nine.";
+    "quarter came to 31.4 million, two million below the plan, since two large orders from "
+    "Norway slipped into the new year. The board discussed the offer for the valve division that "
+    "came in on the fourteenth. Three members favour a sale above 60 million; the two others "
+    "want to wait for the figures of the whole year. It was agreed to let the bidder into the "
+    "books under a letter of confidence, and to answer the offer in the second week of January. "
+    "The salaries of the staff rise by 1.8 percent in April. The works council hears of it on "
+    "Monday, and nobody speaks of it before. The next meeting is on the ninth of January, again "
+    "at nine.";
 
 static char message[] =
-    "Hi Tom, you asked me what they talk about upstairs. Between us: The board discussed the offer "
-    "for the valve division that came in on the fourteenth. Three members favour a sale above 60 "
-    "million; the two others want to wait for the figures of the whole year. It was agreed to let "
-    "the bidder into the books under a letter of confidence, and to answer the offer in the second "
-    "week of January. The salaries of the staff rise by 1.8 percent in April. The works council "
-    "hears of it on Monday, and nobody speaks of it before. So not a word to anyone. See you at "
-    "lunch, Anna";
+    "Hi Tom, you asked me what they talk about upstairs. Between us: The board discussed the "
+    "offer for the valve division that came in on the fourteenth. Three members favour a sale "
+    "above 60 million; the two others want to wait for the figures of the whole year. It was "
+    "agreed to let the bidder into the books under a letter of confidence, and to answer the "
+    "offer in the second week of January. The salaries of the staff rise by 1.8 percent in "
+    "April. The works council hears of it on Monday, and nobody speaks of it before. So not a "
+    "word to anyone. See you at lunch, Anna";
 
 /* Puts the signatures of a text into the open index. */
 static int add(int64_t file_id, char* text) {

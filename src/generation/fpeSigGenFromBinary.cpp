@@ -11,21 +11,15 @@
 
 namespace {
 
-constexpr uint32_t kLargeContent = 10240;  // bytes, from which on the step stays the same
-constexpr uint32_t kLargestStep = 512;
-constexpr uint32_t kSamples = 20;
+constexpr uint32_t kSamples = 20;       // aimed at, in contents of up to 10240 bytes
+constexpr uint32_t kLargestStep = 512;  // bytes between two samples of larger ones
 constexpr uint32_t kSampleBytes = 4;
-
-uint32_t samplingStep(uint32_t length) {
-  if (length >= kLargeContent) return kLargestStep;
-  return length > kSamples ? length / kSamples : 1;
-}
 
 void sumSamples(const unsigned char* content, uint32_t length, unsigned char* low_bytes) {
   // Below four bytes the difference wraps around, and every byte is a sample
   // position: such a sample ends with the content.
   const uint32_t end = std::min(length, length - kSampleBytes);
-  const uint32_t step = samplingStep(length);
+  const uint32_t step = std::clamp(length / kSamples, 1u, kLargestStep);
   uint32_t sums[kSampleBytes] = {};
   for (uint32_t position = 0; position < end; position += step) {
     const uint32_t bytes = std::min(kSampleBytes, length - position);

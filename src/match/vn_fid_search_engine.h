@@ -112,8 +112,8 @@ class FidIndexSearchEngine {
                                   uint32_t low, uint32_t high, uint32_t* found, uint32_t* first,
                                   uint32_t* last) const;
   int binary_find_signature_range_mem(const StrongTable& table, const Signature& signature,
-                                      uint32_t low, uint32_t high, uint32_t* found,
-                                      uint32_t* first, uint32_t* last) const;
+                                      uint32_t low, uint32_t high, uint32_t* found, uint32_t* first,
+                                      uint32_t* last) const;
 
   // One signature against elements in memory. Returns 0; -1 when there are none.
   int binary_find_signature_range_tbl_mem(const Signature& signature, uint32_t ele_num,

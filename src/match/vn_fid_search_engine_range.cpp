@@ -48,8 +48,7 @@ bool pushAroundAbsent(const Stretch& whole, uint32_t mid, const uint32_t* bOut,
                       StretchStack* stack) {
   uint32_t after = mid + 1;
   while (after <= whole.query_high && bOut[after] != 0) ++after;
-  if (after <= whole.query_high &&
-      !stack->push({after, whole.query_high, whole.low, whole.high})) {
+  if (after <= whole.query_high && !stack->push({after, whole.query_high, whole.low, whole.high})) {
     return false;
   }
   uint32_t before = mid;
@@ -251,12 +250,9 @@ int FidIndexSearchEngine::dbinary_find_signature_range(const StrongTable& table,
   return kOk;
 }
 
-int FidIndexSearchEngine::dbinary_find_signature_range(uint32_t ele_num,
-                                                       const StrongElement* elements,
-                                                       const QuerySpan& query, uint32_t* found_num,
-                                                       const QueryRanges& ranges,
-                                                       uint32_t query_low,
-                                                       uint32_t query_high) const {
+int FidIndexSearchEngine::dbinary_find_signature_range(
+    uint32_t ele_num, const StrongElement* elements, const QuerySpan& query, uint32_t* found_num,
+    const QueryRanges& ranges, uint32_t query_low, uint32_t query_high) const {
   if (ele_num == 0 || query.n == 0) {
     LOG_ERROR("ele_num == 0 || sig_n == 0");
     return kErrState;
@@ -276,9 +272,9 @@ int FidIndexSearchEngine::dbinary_find_signature_range(uint32_t ele_num,
       pushed = pushAroundAbsent(at, mid, query.bOut, &stack);
       continue;
     }
-    const int ret = binary_find_signature_range_tbl_mem(
-        query.signatures[mid], at.high - at.low, elements + at.low, &ranges.bFind[mid],
-        &ranges.st_pos[mid], &ranges.en_pos[mid]);
+    const int ret = binary_find_signature_range_tbl_mem(query.signatures[mid], at.high - at.low,
+                                                        elements + at.low, &ranges.bFind[mid],
+                                                        &ranges.st_pos[mid], &ranges.en_pos[mid]);
     if (ret != kOk) {
       LOG_ERROR("binary_find_signature_range fail for sig (idx = %u)", mid);
       LOG_ERROR("l = %u  r = %u", at.low, at.high);
@@ -352,8 +348,8 @@ int FidIndexSearchEngine::binary_find_signature_range(const StrongTable& table,
     }
   }
   uint32_t position;
-  int ret = binary_find_signature_range_mem(table, signature, low, first_equal, found, first,
-                                            &position);
+  int ret =
+      binary_find_signature_range_mem(table, signature, low, first_equal, found, first, &position);
   if (ret != kOk) return ret;
   while (high - mid > load_limit) {
     const uint32_t probe = mid + (high - mid) / 2;

@@ -183,8 +183,8 @@ int vnSearchSignatures(uint32_t sig_num, const Signature* signatures, int fsz,
 
   const QueryRanges ranges = {ret.bFind.get(), ret.st_pos.get(), ret.en_pos.get()};
   MallocArray<FsidPair> pairs;
-  int status = engine.SearchSignatures(sig_num, signatures, &ret.sig_find_num, ranges,
-                                       &ret.fid_num, &pairs, &ret.freq);
+  int status = engine.SearchSignatures(sig_num, signatures, &ret.sig_find_num, ranges, &ret.fid_num,
+                                       &pairs, &ret.freq);
   if (status != kOk) {
     LOG_ERROR("search engine fail");
     LOG_ERROR("sig_num = %u   sig_find_num = %u   fid_num = %u", sig_num, ret.sig_find_num,

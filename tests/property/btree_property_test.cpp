@@ -153,7 +153,8 @@ class Trial {
     const auto never = [](const Record&, const Record&) { return false; };
     std::vector<Record> out;
     std::vector<Record> without_past;
-    ASSERT_EQ(tree_->query(probe, same, past, &out), out.size());
+    const size_t found = tree_->query(probe, same, past, &out);
+    ASSERT_EQ(found, out.size());
     tree_->query(probe, same, never, &without_past);
     ASSERT_EQ(without_past, out);
     // The end of the run: all from the probe on, and what its leaf holds before.

@@ -31,7 +31,8 @@ class IndexRun {
       : random_(seed),
         max_fid_num_(random_.oneIn(4) ? 0 : 1 + random_.below(8)),
         model_(max_fid_num_),
-        pool_(documents::signatures(40, seed, 1u << random_.below(7))) {
+        large_(random_.oneIn(6)),
+        pool_(documents::signatures(large_ ? 4000 : 40, seed, 1u << random_.below(7))) {
     constexpr int64_t kBases[] = {-1, 0, 1000000, INT64_MIN, INT64_MAX, -(int64_t{1} << 40)};
     base_ = kBases[random_.below(std::size(kBases))];
     dir_.write("index_sys_config.txt",
@@ -71,7 +72,7 @@ class IndexRun {
   // Of `pool_`, in any order, at times with repeats.
   Signatures document() {
     Signatures signatures;
-    const uint64_t count = 1 + random_.below(12);
+    const uint64_t count = 1 + random_.below(large_ ? 1000 : 12);
     for (uint64_t i = 0; i < count; ++i) signatures.push_back(pool_[random_.below(pool_.size())]);
     if (random_.oneIn(2)) std::sort(signatures.begin(), signatures.end());
     return signatures;
@@ -200,6 +201,7 @@ class IndexRun {
   Random random_;
   const uint64_t max_fid_num_;
   IndexModel model_;
+  const bool large_;  // documents fill several leaves
   const Signatures pool_;
   int64_t base_;
   bool has_base_ = false;

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "documents.h"
@@ -35,33 +37,28 @@ inline void appendSignature(std::string* out, const Signature& signature) {
   for (const unsigned char byte : signature.bytes) out->push_back(static_cast<char>(byte));
 }
 
-// The record and, for each prefix, where its signatures begin and end in the
-// list; two zeros for one that does not occur.
-inline std::string metaFile(const MetaData& meta, const std::vector<Signature>& table) {
-  std::vector<uint32_t> start(65536, 0);
-  std::vector<uint32_t> end(65536, 0);
-  for (size_t i = 0; i < table.size(); ++i) {
-    const size_t prefix = table[i].bytes[0] * 256u + table[i].bytes[1];
-    if (end[prefix] == 0) start[prefix] = static_cast<uint32_t>(i);
-    end[prefix] = static_cast<uint32_t>(i + 1);
-  }
-  std::string file;
-  file.reserve(524300);
-  appendNumber(&file, static_cast<uint64_t>(meta.fid_base), 8);
-  appendNumber(&file, meta.sig_gen_level, 4);
-  for (size_t prefix = 0; prefix < 65536; ++prefix) {
-    appendNumber(&file, start[prefix], 4);
-    appendNumber(&file, end[prefix], 4);
-  }
-  return file;
-}
-
 // Replaces the directory entry of `prefix` in a meta file.
 inline void setRange(std::string* meta_file, uint32_t prefix, uint32_t start, uint32_t end) {
   std::string entry;
   appendNumber(&entry, start, 4);
   appendNumber(&entry, end, 4);
   meta_file->replace(12 + 8 * size_t{prefix}, 8, entry);
+}
+
+// The record and, for each prefix, where its signatures begin and end in the
+// list; two zeros for one that does not occur.
+inline std::string metaFile(const MetaData& meta, const std::vector<Signature>& table) {
+  std::map<uint32_t, std::pair<uint32_t, uint32_t>> ranges;
+  for (uint32_t i = 0; i < table.size(); ++i) {
+    const uint32_t prefix = table[i].bytes[0] * 256u + table[i].bytes[1];
+    ranges.try_emplace(prefix, i, i).first->second.second = i + 1;
+  }
+  std::string file;
+  appendNumber(&file, static_cast<uint64_t>(meta.fid_base), 8);
+  appendNumber(&file, meta.sig_gen_level, 4);
+  file.resize(524300, '\0');
+  for (const auto& [prefix, range] : ranges) setRange(&file, prefix, range.first, range.second);
+  return file;
 }
 
 // By signature, then fid, then source: the order of the strong table.

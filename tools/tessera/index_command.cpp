@@ -166,11 +166,9 @@ void Run::addBatch() {
 
 void Run::finish() {
   progress_.say("Writing the index");
-  if (!departures_.empty()) {
-    catalogue_->announceDepartures(departures_);
-    index_.remove(departures_);
-  }
+  catalogue_->announceDepartures(departures_);
   const DirectoryLock tables(kIndexName, DirectoryLock::Kind::kExclusive);
+  if (!departures_.empty()) index_.remove(departures_);
   index_.close();
   catalogue_->settle();
 }

@@ -41,11 +41,15 @@ TEST_F(MutexAuxTest, ALockThatFailsIsOnlyLogged) {
     expectLogged("#<dlp_btree::Mutex_Aux::Mutex_Aux>#lock mutex fail");
   }
   // The guard has let go of a lock that was never its own.
-  EXPECT_NE(0, pthread_mutex_unlock(&mutex_));
+  EXPECT_EQ(0, pthread_mutex_trylock(&mutex_));
+  EXPECT_EQ(0, pthread_mutex_unlock(&mutex_));
   EXPECT_EQ(1u, log_.lines().size());
 }
 
 TEST_F(MutexAuxTest, AnUnlockThatFailsIsOnlyLogged) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer reports every wrong unlock, and this one is wrong on purpose";
+#endif
   {
     const Mutex_Aux lock(&mutex_);
     ASSERT_EQ(0, pthread_mutex_unlock(&mutex_));

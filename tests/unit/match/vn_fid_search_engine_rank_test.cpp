@@ -254,8 +254,7 @@ TEST_F(Ranking, TheFilesAreSortedBySourceFallingCountAndFile) {
   const uint32_t counts[] = {3, 0xffffffff, 3, 1, 0};
   std::copy(counts, counts + 5, freq.get());
   ASSERT_EQ(kOk, engine.quick_sort_fsid_freq_pair(5, fsid.get(), freq.get()));
-  EXPECT_EQ((std::vector<Entry>{
-                {4, -7, 1}, {2, 2, 0xffffffff}, {-3, 2, 3}, {1, 2, 3}, {5, 2, 0}}),
+  EXPECT_EQ((std::vector<Entry>{{4, -7, 1}, {2, 2, 0xffffffff}, {-3, 2, 3}, {1, 2, 3}, {5, 2, 0}}),
             entries());
 }
 
@@ -315,8 +314,9 @@ TEST_F(Ranking, AFileHitUnderTwoSourcesCountsOnceUnderTheSmallerOne) {
 }
 
 TEST_F(Ranking, OfSevenFilesOfOneSourceTheFiveWithTheMostHitsStay) {
-  ASSERT_EQ(kOk, select({{10, 1, 3}, {20, 1, 8}, {30, 1, 1}, {40, 1, 9}, {15, 1, 8}, {5, 1, 3},
-                         {50, 1, 7}}));
+  ASSERT_EQ(
+      kOk,
+      select({{10, 1, 3}, {20, 1, 8}, {30, 1, 1}, {40, 1, 9}, {15, 1, 8}, {5, 1, 3}, {50, 1, 7}}));
   EXPECT_EQ((std::vector<Entry>{{40, 1, 9}, {15, 1, 8}, {20, 1, 8}, {50, 1, 7}, {5, 1, 3}}),
             entries());
 }

@@ -61,8 +61,8 @@ class SearchEngine : public testing::Test {
     std::vector<uint32_t> en_pos(query.size());
     uint32_t found_num = 99;
     EXPECT_EQ(kOk,
-              engine.SearchSignatures(static_cast<uint32_t>(query.size()), query.data(),
-                                      &found_num, {bFind.data(), st_pos.data(), en_pos.data()}));
+              engine.SearchSignatures(static_cast<uint32_t>(query.size()), query.data(), &found_num,
+                                      {bFind.data(), st_pos.data(), en_pos.data()}));
     return found_num;
   }
 
@@ -166,8 +166,8 @@ TEST_F(SearchEngine, ConsistentTablesLoadAndYieldTheWeakSidesRecord) {
   EXPECT_EQ(kMeta.fid_base, meta.fid_base);
   EXPECT_EQ(kMeta.sig_gen_level, meta.sig_gen_level);
   EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ(2u, found({signature({0, 0, 1, 0, 0, 0, 0, 0}),
-                       signature({0xff, 0xff, 0, 0, 0, 0, 0, 1})}));
+  EXPECT_EQ(
+      2u, found({signature({0, 0, 1, 0, 0, 0, 0, 0}), signature({0xff, 0xff, 0, 0, 0, 0, 0, 1})}));
 }
 
 TEST_F(SearchEngine, AMissingFileIsNamed) {
@@ -262,8 +262,8 @@ TEST_F(SearchEngine, MetaFilesWithDifferentBasesStillStartAnEngineThatFindsNothi
   EXPECT_EQ(std::vector<std::string>{"inconsistent fid_base (294967296 -- 17)"}, log.messages());
   EXPECT_EQ(3, log.lines()[0].level);
   EXPECT_EQ("Error", log.lines()[0].word);
-  EXPECT_EQ(0u, found({signature({0, 0, 1, 0, 0, 0, 0, 0}),
-                       signature({0xff, 0xff, 0, 0, 0, 0, 0, 1})}));
+  EXPECT_EQ(
+      0u, found({signature({0, 0, 1, 0, 0, 0, 0, 0}), signature({0xff, 0xff, 0, 0, 0, 0, 0, 1})}));
 }
 
 TEST_F(SearchEngine, MetaFilesWithDifferentLevelsStillStartAnEngineThatFindsNothing) {

@@ -123,8 +123,7 @@ TEST_F(SearchTableData, AnEmptyStrongTableIsAnErrorUnlikeAWeakOne) {
   uint32_t ele_num = 99;
   EXPECT_EQ(kErrFile, chk_search_table_ele_num(&file, &ele_num));
   EXPECT_EQ(0u, ele_num);
-  expectOnly("Error", "chk_search_table_ele_num",
-             "Error: no element in strong search table file");
+  expectOnly("Error", "chk_search_table_ele_num", "Error: no element in strong search table file");
 }
 
 TEST_F(SearchTableData, AStrongTableWithAPieceOfAnElementIsRefusedButItsCountIsStored) {
@@ -132,8 +131,7 @@ TEST_F(SearchTableData, AStrongTableWithAPieceOfAnElementIsRefusedButItsCountIsS
   FakeFile piece(15);
   EXPECT_EQ(kErrFile, chk_search_table_ele_num(&piece, &ele_num));
   EXPECT_EQ(0u, ele_num);
-  expectOnly("Error", "chk_search_table_ele_num",
-             "Error: no element in strong search table file");
+  expectOnly("Error", "chk_search_table_ele_num", "Error: no element in strong search table file");
   FakeFile more(40);
   EXPECT_EQ(kErrFile, chk_search_table_ele_num(&more, &ele_num));
   EXPECT_EQ(2u, ele_num);

@@ -8,6 +8,7 @@
 #include "crc32c.h"
 #include "fail_point.h"
 #include "mm_register.h"
+#include "store_records.h"
 #include "temp_dir.h"
 
 namespace {
@@ -177,7 +178,7 @@ TEST_F(BlockCacheTest, EveryFlippedBitOfHeadAndEntriesIsNoticed) {
     std::string bad = good;
     const size_t at = number * kBlock + bit / 8;
     bad[at] = static_cast<char>(bad[at] ^ 1 << bit % 8);
-    dir_.write("c.blk", bad);
+    overwrite("c.blk", bad);
     BlockCache cache(&collection_, kFormat, 8);
     ASSERT_FALSE(cache.get(number, 0)) << "bit " << bit;
   }

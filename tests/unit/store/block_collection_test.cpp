@@ -190,7 +190,7 @@ TEST_F(BlockCollectionTest, EveryFlippedBitOfTheStackIsNoticed) {
   for (size_t bit = 0; bit < good.size() * 8; ++bit) {
     std::string bad = good;
     bad[bit / 8] = static_cast<char>(bad[bit / 8] ^ 1 << bit % 8);
-    dir_.write("c.stk", bad);
+    overwrite("c.stk", bad);
     ASSERT_FALSE(opens()) << "bit " << bit;
   }
   dir_.write("c.stk", good + '\0');

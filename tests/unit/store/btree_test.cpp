@@ -272,12 +272,13 @@ TEST_F(BTreeTest, TheSeventeenthLevelIsRefusedAndMakesTheTreeInvalid) {
     NumberTree tree("t", AccessType::kReadWrite, params);
     while (tree.insert({inserted})) ++inserted;
     EXPECT_FALSE(tree.is_valid());
-    ASSERT_LT(inserted, 1u << 17);
+    ASSERT_LT(inserted, 1u << 18);
     // Nothing of it was committed.
     EXPECT_FALSE(tree.commit());
   }
-  // Ascending keys leave nodes of two children: 2^15 leaves of two records.
-  EXPECT_EQ(2 * (1u << 15) + 2, inserted);
+  // Ascending records leave nodes of two children, so it is leaf 2^16 that is
+  // one too many, and every leaf before it holds two records.
+  EXPECT_EQ(2 * ((1u << 16) - 1), inserted);
 }
 
 TEST_F(BTreeTest, EqualOperationsGiveEqualFiles) {

@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -76,6 +79,16 @@ testing::AssertionResult isSound(BTree<Record, Less>* tree) {
   std::string problem;
   return tree->verify(&problem) ? testing::AssertionSuccess()
                                 : testing::AssertionFailure() << problem;
+}
+
+// Replaces a file's content without emptying it first, which many file systems
+// answer with a slow flush: for tests that do it thousands of times.
+inline void overwrite(const std::string& file, const std::string& content) {
+  std::fstream stream(file, std::ios::binary | std::ios::in | std::ios::out);
+  stream.write(content.data(), static_cast<std::streamsize>(content.size()));
+  stream.close();
+  ASSERT_TRUE(stream.good()) << file;
+  std::filesystem::resize_file(file, content.size());
 }
 
 // The header of a block file as it is on disk.
