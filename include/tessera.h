@@ -35,7 +35,7 @@ enum {
 
 /* Prepares the generator and takes the maximum content size from the
  * configuration line "max_content_size" (6 MiB when there is no usable one);
- * the value in force is written back, so the file exists afterwards.
+ * the value in force is written back, so the file normally exists afterwards.
  *
  *   platform    TESSERA_SERVER or TESSERA_CLIENT
  *

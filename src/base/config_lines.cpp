@@ -5,6 +5,7 @@
 
 #include "platform.h"
 #include "scoped.h"
+#include "vn_win32_charset_chg.h"
 
 namespace tessera {
 
@@ -25,11 +26,11 @@ bool sameKey(std::string_view left, std::string_view right) {
                     [](char l, char r) { return lower(l) == lower(r); });
 }
 
-// Takes over the whole file. A file that cannot be opened is an empty one; false
-// when one that can be opened fails to be read.
+// Takes over the whole file; a missing one is empty. False when it is there but
+// cannot be read.
 bool readFile(const char* name, std::string* content) {
   const auto file = platform::current().open(name, platform::OpenMode::kRead);
-  if (!file) return true;
+  if (!file) return !dlp_btree::vn_exists(name);
   char part[4096];
   int64_t got;
   while ((got = file->read(part, sizeof part)) > 0) content->append(part, static_cast<size_t>(got));
@@ -69,7 +70,7 @@ int writeConfigValues(const char* file_name, const std::vector<ConfigValue>& val
   if (!found) return 1;
   std::fill_n(found.get(), values.size(), false);
 
-  // What could not be read must not be overwritten.
+  // Settings that could not be read must not be overwritten.
   std::string content;
   if (!readFile(file_name, &content)) return 0;
 

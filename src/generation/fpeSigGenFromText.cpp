@@ -3,6 +3,7 @@
 #include "fpeSigGenFromText.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "fpeSigGenTable.h"
 #include "fpeSignatureGenerator.h"

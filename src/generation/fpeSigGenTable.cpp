@@ -67,8 +67,14 @@ void buildAdlerOutTable() {
   for (uint64_t c = 0; c < 256; ++c) text_signaturer.adler_out[c] = c * DLP_SLIDE_WINDOW;
 }
 
-// Recorded for whoever reads a memory dump of the host.
+// Recorded only; nothing depends on it.
 uint32_t hostByteOrder() { return std::endian::native == std::endian::big ? 1 : 2; }
+
+// A host may unload the library without releasing it first; or release it from
+// a static object of its own, after this.
+const struct AtUnload {
+  ~AtUnload() { releaseTextSignaturer(); }
+} at_unload;
 
 }  // namespace
 

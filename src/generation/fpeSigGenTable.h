@@ -42,7 +42,7 @@ inline constexpr uint32_t kUnknownByteOrder = 0xFFFFFFFF;
 
 // The module's state. The filter and the two out-tables outlive a release.
 struct TextSignaturer {
-  int platform = 0;                          // the one asked for last
+  int platform = 0;                          // the last valid one asked for
   unsigned char character_filter[256] = {};  // 1: the byte survives normalisation
   bool karp_rabin_ready = false;             // the two out-tables are built once per process
   bool adler_ready = false;

@@ -12,7 +12,7 @@
 // table_format.h).
 //
 // Not thread-safe: the index system's collector mutex guards it.
-// Tests: tests/unit/index/collector_test.cpp, tests/unit/index/tables_test.cpp,
+// Tests: XX,
 // tests/property/index_property_test.cpp.
 #pragma once
 

@@ -129,21 +129,16 @@ int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* si
   for (uint32_t i = 0; i < sig_num; ++i) {
     bOut[i] = directory[signaturePrefix(signatures[i])].end == 0 ? 1 : 0;
   }
-  uint32_t begin = 0;
-  while (begin < sig_num && bOut[begin] != 0) ++begin;
-  uint32_t end = sig_num;
-  while (end > begin && bOut[end - 1] != 0) --end;
-
   // A batch goes from `begin` to `batch_end`; the search for it ends at `next`,
   // behind absent signatures that need not be part of it.
-  for (uint32_t next; begin < end; begin = next) {
+  for (uint32_t begin = 0, next; begin < sig_num; begin = next) {
     next = begin + 1;
     if (bOut[begin] != 0) continue;
     const uint32_t prefix = signaturePrefix(signatures[begin]);
     const uint32_t low = directory[prefix].start;
-    while (next < end && signaturePrefix(signatures[next]) == prefix) ++next;
+    while (next < sig_num && signaturePrefix(signatures[next]) == prefix) ++next;
     uint32_t batch_end = next;
-    for (; next < end; ++next) {
+    for (; next < sig_num; ++next) {
       if (bOut[next] != 0) continue;
       if (directory[signaturePrefix(signatures[next])].end - low >= load_limit) break;
       batch_end = next + 1;

@@ -35,7 +35,6 @@ uint32_t groupEnd(uint32_t i, uint32_t sig_num, const QueryRanges& ranges, uint3
   const uint32_t start = ranges.st_pos[i];
   uint32_t read_end = ranges.en_pos[i];
   uint32_t end = i + 1;
-  if (read_end - start >= limit) return end;
   for (uint32_t k = i + 1; k < sig_num; ++k) {
     if (ranges.bFind[k] == 0) continue;
     if (ranges.en_pos[k] - start >= limit) break;

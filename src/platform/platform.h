@@ -37,7 +37,8 @@ enum class OpenMode {
   kRead,     // an existing file, reading only
   kRewrite,  // writing only; created, or cut to length 0
   kUpdate,   // reading and writing; created empty when absent
-  kOwn,      // as kUpdate, and refused while anyone else has it open with kOwn
+  kOwn,      // as kUpdate, and refused while anyone else has it open with kOwn;
+             // Windows keeps every other writer out as well
 };
 
 // An open regular file with a position of its own; destruction closes it. One
@@ -67,10 +68,12 @@ class System {
   virtual ~System() = default;
 
   // Null when the file cannot be opened, is no regular file, or is owned by
-  // somebody else. `path` is narrow and passed on as it stands. New files are
-  // readable and writable by their owner only.
+  // somebody else. `path` is narrow and passed on as it stands. On POSIX systems
+  // new files are readable and writable by their owner only; on Windows they
+  // inherit the rights of their directory.
   virtual std::unique_ptr<File> open(const char* path, OpenMode mode) = 0;
 
+  // Windows refuses both while the file is open.
   virtual bool remove(const char* path) = 0;
   virtual bool rename(const char* from, const char* to) = 0;  // replaces `to`
   virtual bool syncDirectory(const char* path) = 0;           // its entries reach the disk
@@ -81,7 +84,7 @@ class System {
 
   // Both return 0 or the C runtime's error number.
   virtual int access(const PathChar* path) = 0;         // does it exist?
-  virtual int makeDirectory(const PathChar* path) = 0;  // one level, owner only
+  virtual int makeDirectory(const PathChar* path) = 0;  // one level, rights as for files
 
   virtual uint32_t allocationGranularity() = 0;           // bytes: the unit of block files
   virtual const char* environment(const char* name) = 0;  // null when not set

@@ -1,6 +1,5 @@
 // The platform contract on POSIX systems. Files are read and written at
 // explicit positions, so a seek costs no system call.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>

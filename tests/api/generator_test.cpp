@@ -217,11 +217,11 @@ TEST_F(Generator, BinaryContentHasOneSignature) {
 
 TEST_F(Generator, BinaryContentOfThreeBytesIsSampledToItsEnd) {
   ASSERT_EQ(0, InitSignatureGenerator(TESSERA_SERVER));
-  for (int length = 1; length <= 3; ++length) {
-    const Signatures list = binarySignatures(std::string(static_cast<size_t>(length), '\x10'));
-    ASSERT_EQ(1u, list.size());
-    EXPECT_EQ("000" + std::to_string(length),
-              std::string(reinterpret_cast<const char*>(list[0].bytes) + 4, 4));
+  const Signature expected[] = {{{0x10, 0, 0, 0, '0', '0', '0', '1'}},
+                                {{0x20, 0x10, 0, 0, '0', '0', '0', '2'}},
+                                {{0x30, 0x20, 0x10, 0, '0', '0', '0', '3'}}};
+  for (size_t length = 1; length <= 3; ++length) {
+    EXPECT_EQ(Signatures{expected[length - 1]}, binarySignatures(std::string(length, '\x10')));
   }
 }
 
@@ -263,8 +263,10 @@ TEST_F(Generator, ARefusedMaximumContentSizeKeepsTheOneInForce) {
   ASSERT_EQ(0, InitSignatureGenerator(TESSERA_SERVER));
   ASSERT_EQ(0, SetMaxContentSize(kMiB));
   const Signatures cut = textSignatures(text);
-  EXPECT_EQ(1, SetMaxContentSize(100));
-  EXPECT_EQ(cut, textSignatures(text));
+  for (const int refused : {100, 1048575, 78643201, INT_MAX}) {
+    EXPECT_EQ(1, SetMaxContentSize(refused));
+    EXPECT_EQ(cut, textSignatures(text)) << refused;
+  }
 }
 
 TEST_F(Generator, InitWritesTheMaximumContentSizeInForce) {

@@ -60,10 +60,18 @@ int64_t fileId(int64_t document) {
 }  // namespace
 
 std::map<std::string, std::string> signatureLists(uint64_t seed) {
+  // Short ones as well: below 4096 bytes a server takes several signatures from
+  // a piece.
   const std::map<std::string, std::string> texts = {
-      {"prose", joined(paragraphs(30, seed))},     {"note", joined(paragraphs(1, seed + 1))},
-      {"letters", documents::letters(9000, seed)}, {"words", documents::words(30000, seed)},
-      {"bytes", documents::bytes(30000, seed)},    {"same", std::string(5000, '\x89')},
+      {"prose", joined(paragraphs(30, seed))},
+      {"note", joined(paragraphs(1, seed + 1))},
+      {"letters1000", documents::letters(1000, seed)},
+      {"letters2000", documents::letters(2000, seed)},
+      {"letters3500", documents::letters(3500, seed)},
+      {"letters9000", documents::letters(9000, seed)},
+      {"words", documents::words(30000, seed)},
+      {"bytes", documents::bytes(30000, seed)},
+      {"same", std::string(5000, '\x89')},
   };
   std::map<std::string, std::string> lists;
   for (const auto& [platform, name] :

@@ -202,8 +202,8 @@ void runShapes(uint64_t fixed_seed) {
   const uint64_t seed = documents::seed(fixed_seed);
   SCOPED_TRACE("TESSERA_SEED=" + std::to_string(seed));
   const Shape shapes[] = {
-      {params(2, 2), 40, 1200},      {params(3, 2), 60, 1200},  {params(4, 3), 100, 1200},
-      {params(5, 4, 32), 150, 1200}, {params(10, 7), 300, 800}, {params(0, 0), 600, 500},
+      {params(2, 2), 40, 600},      {params(3, 2), 60, 600},   {params(4, 3), 100, 600},
+      {params(5, 4, 32), 150, 600}, {params(10, 7), 300, 400}, {params(0, 0), 600, 300},
   };
   for (const Shape& shape : shapes) {
     SCOPED_TRACE(shape.params.leaf_size_max);

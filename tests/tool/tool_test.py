@@ -453,6 +453,15 @@ class ToolTest(unittest.TestCase):
         self.assertEqual(DONE, first.wait(60))
         self.assertEqual(2, len(self.rows()))
 
+    def test_run_that_settles_its_catalogue_still_keeps_others_out(self):
+        """Its index is closed by then; the lock of the home alone is held."""
+        self.index(self.write("a.txt", text(1)))
+        home = os.open(self.home, os.O_RDONLY)
+        self.addCleanup(os.close, home)
+        fcntl.flock(home, fcntl.LOCK_EX)
+        _, err = self.index(status=FAILED)
+        self.assertIn("in use by another process", err)
+
     def test_interrupted_run_keeps_what_it_has_done(self):
         self.index(self.write("first.txt", text(0)))
         for number in range(100):
@@ -598,7 +607,10 @@ class ToolTest(unittest.TestCase):
         )
         os.close(slave)
         self.assertEqual(DONE, done.returncode)
-        shown = os.read(master, 4096)
+        shown = b""
+        with contextlib.suppress(OSError):  # the terminal's way to tell the end
+            while chunk := os.read(master, 4096):
+                shown += chunk
         self.assertIn(b"\rIndexing 1 of 1", shown)
         self.assertTrue(shown.endswith(b"\r\x1b[K"))
         self.assertEqual(b"1 file: 1 added, 0 replaced, 0 unchanged\n", done.stdout)

@@ -52,7 +52,7 @@ TEST(BinarySignature, TheDigitsAreTheLowSixteenBitsOfTheLength) {
   EXPECT_EQ("abcd", digits(of(std::string(0xabcd, 'x'))));
 }
 
-// Each sampled position is worth its own weight, so the sum tells which were.
+// Whether a sample starts at the position: 1 or 0.
 int sampledAt(size_t length, size_t position) {
   std::string content(length, '\0');
   content[position] = 1;
@@ -71,7 +71,7 @@ TEST(BinarySignature, UpToTwentyBytesAreSampledAtEveryByte) {
   }
 }
 
-TEST(BinarySignature, TwentyOneToThirtyNineBytesHaveAStepOfOneAndFortyOneOfTwo) {
+TEST(BinarySignature, TwentyOneToThirtyNineBytesHaveAStepOfOneAndFortyOfTwo) {
   EXPECT_EQ(1, sampledAt(21, 1));
   EXPECT_EQ(1, sampledAt(39, 1));
   EXPECT_EQ(0, sampledAt(40, 1));

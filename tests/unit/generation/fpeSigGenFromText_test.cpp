@@ -278,6 +278,22 @@ TEST_P(RangeScan, ACountBetweenNothingAndTheCapacityIsNotReported) {
   EXPECT_TRUE(log_.lines().empty());
 }
 
+// Zero is a hash like any other, and 137 divides it.
+TEST_F(Generation, AWindowWhoseHashIsZeroIsSelected) {
+  const std::string zeros(63, '\0');
+  Scan fresh;
+  EXPECT_EQ(kOk, getHashValues_KR(bytes(zeros), bytes(zeros) + 2, fresh.output()));
+  EXPECT_EQ(2u, fresh.count);
+  EXPECT_EQ(0u, fresh.hvs[0]);
+  EXPECT_EQ(Signature(), fresh.sigs[0]);
+
+  Scan continued;
+  EXPECT_EQ(kOk, getHashValuesNoHorner_KR(bytes(zeros) + 2, bytes(zeros) + 3, fresh.last_hash,
+                                          fresh.last_byte, continued.output()));
+  EXPECT_EQ(1u, continued.count);
+  EXPECT_EQ(0u, continued.hvs[0]);
+}
+
 // A run of one byte value leaves a small hash, and smaller bytes behind it make
 // it smaller still.
 TEST_F(Generation, AnOverflowInsideAScanIsReportedUnderTheRollAndTheScanGoesOn) {
@@ -381,9 +397,10 @@ TEST_P(SignatureSelection, SixtyOneBytesGiveAtMostOneSignature) {
 }
 
 TEST_P(SignatureSelection, AHundredLettersAndAThousandBlanksAreAHundredBytes) {
-  const std::string text = documents::letters(100, 4);
+  const std::string text = documents::letters(100, 10);
   const Selection result = of(text + std::string(1000, ' '));
   EXPECT_EQ(100, result.normalized_length);
+  ASSERT_FALSE(result.list.empty());
   EXPECT_EQ(of(text).list, result.list);
 }
 

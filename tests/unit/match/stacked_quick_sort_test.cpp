@@ -112,17 +112,19 @@ TEST(StackedQuickSort, EitherStackMissingAtTheStartIsTold) {
   }
 }
 
+// Three values for each pair of bounds that waits.
 TEST(StackedQuickSort, TheStacksStartWith10000EntriesAndGrowBy1000) {
-  const std::vector<int> worst = adversary::deepestSort(34500);
-  std::vector<int> expected = worst;
-  std::sort(expected.begin(), expected.end());
-
-  FailPoint point;
-  point.fail(Call::kAllocate, 0);
-  std::vector<int> values = worst;
-  EXPECT_EQ(QuickSortResult::kSorted, sort(&values).result);
-  EXPECT_EQ(expected, values);
-  EXPECT_EQ(6, point.count());  // two, and two more at 10,000 and at 11,000 entries
+  const std::pair<uint32_t, int> sizes_and_allocations[] = {{29970, 2}, {33060, 6}};
+  for (const auto& [size, allocations] : sizes_and_allocations) {
+    std::vector<int> values = adversary::deepestSort(size);
+    std::vector<int> expected = values;
+    std::sort(expected.begin(), expected.end());
+    FailPoint point;
+    point.fail(Call::kAllocate, 0);
+    EXPECT_EQ(QuickSortResult::kSorted, sort(&values).result);
+    EXPECT_EQ(expected, values);
+    EXPECT_EQ(allocations, point.count()) << size;
+  }
 }
 
 }  // namespace
