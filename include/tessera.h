@@ -163,8 +163,9 @@ TESSERA_API int InitMatchSystem(void);
  *               Owned by the caller; give it back with FreeSigMatchRet()
  *   result_count  out: records in the block; 0 is a success
  *
- * Returns 1 when *result is null on entry (nothing is touched), no tables are
- * loaded, the strong table cannot be read, or memory runs out. Calls may run
+ * Returns 1 when *result is null on entry (nothing is touched), `signatures` is
+ * missing or `count` negative, no tables are loaded, the strong table cannot be
+ * read, or memory runs out. Calls may run
  * side by side, but not beside ExitMatchSystem(). */
 TESSERA_API int MatchSignature(unsigned char (*signatures)[8], int count, int fsz,
                                _DLPSigMatchRet** result, int* result_count);

@@ -143,8 +143,7 @@ int FidSigIndexCollector::gen_btree() {
   }
   // Fresh trees are on disk from here on.
   if (status == kOk && !commitTrees()) status = kErrFile;
-  if (status != kOk) closeTrees();
-  return status;
+  return status;  // after a failure Init closes the trees that were opened
 }
 
 int FidSigIndexCollector::AddFidSignature(uint32_t fid_offset, uint32_t source_id, uint32_t sig_num,
@@ -317,12 +316,6 @@ bool FidSigIndexCollector::treesValid() const {
   return fid_sig_tree_->is_valid() && src_fid_tree_->is_valid() && sig_fid_tree_->is_valid();
 }
 
-void FidSigIndexCollector::closeTrees() noexcept {
-  fid_sig_tree_.reset();
-  src_fid_tree_.reset();
-  sig_fid_tree_.reset();
-}
-
 void FidSigIndexCollector::Reset() noexcept {
   initialised_ = false;
   pending_capacity_ = 0;
@@ -330,7 +323,9 @@ void FidSigIndexCollector::Reset() noexcept {
   search_table_name_.clear();
   fid_index_name_.clear();
   index_dir_.clear();
-  closeTrees();
+  fid_sig_tree_.reset();
+  src_fid_tree_.reset();
+  sig_fid_tree_.reset();
   pending_documents_.clear();
   pending_signatures_ = {};
 }

@@ -12,8 +12,8 @@
 // table_format.h).
 //
 // Not thread-safe: the index system's collector mutex guards it.
-// Tests: XX,
-// tests/property/index_property_test.cpp.
+// Tests: tests/unit/index/vn_fid_sig_index_collector_btree*_test.cpp,
+// tests/unit/index/out_of_memory_test.cpp, tests/property/index_property_test.cpp.
 #pragma once
 
 #include <cstdint>
@@ -89,7 +89,6 @@ class FidSigIndexCollector {
   int gen_btree();
   bool treesValid() const;
   bool commitTrees();
-  void closeTrees() noexcept;
 
   bool initialised_ = false;
   uint64_t pending_capacity_ = 0;     // documents; tested for equality

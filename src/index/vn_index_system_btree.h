@@ -12,7 +12,8 @@
 // written beside them, so that a long save does not hold up those who only ask:
 // documents that race to be the first of a fresh index may each take it.
 //
-// Statuses are those of status.h. Tests: tests/unit/index/index_system_test.cpp.
+// Statuses are those of status.h.
+// Tests: tests/unit/index/vn_index_system_btree_test.cpp.
 #pragma once
 
 #include <cstdint>

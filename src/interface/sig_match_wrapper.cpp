@@ -54,7 +54,7 @@ int MatchSignature(unsigned char (*signatures)[8], int count, int fsz, _DLPSigMa
   *result = nullptr;
   if (result_count == nullptr) return kFailure;
   *result_count = 0;
-  if (count < 0 || (signatures == nullptr && count > 0)) return kFailure;
+  if (count < 0 || signatures == nullptr) return kFailure;
 
   SearchResult found;
   const int ret = vnSearchSignatures(static_cast<uint32_t>(count),

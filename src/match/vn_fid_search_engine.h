@@ -31,7 +31,7 @@ static_assert(sizeof(FsidPair) == 8, "hits are counted by the million");
 // The strong table as a search has opened it.
 struct StrongTable {
   platform::File* file;
-  uint32_t ele_num;  // elements: no position beyond is believed or read
+  uint32_t ele_num;  // elements: nothing beyond is loaded
 };
 
 // Some of the query's signatures, ascending; equal ones may repeat.

@@ -9,8 +9,10 @@
 // elements is above the load limit the file is probed for single elements; from
 // there on the stretch is loaded and the same goes on in memory.
 //
-// Positions come from the directory, that is from a file: each one is held
-// against the size of the table before anything is allocated or read for it.
+// Positions come from the directory, that is from a file: a stretch is held
+// against the size of the table before it is loaded. A probe beyond the table
+// fails to be read, or reads some element; the load that ends every lookup then
+// fails.
 // Tests: tests/unit/match/vn_fid_search_engine_range_test.cpp and, against a
 // linear search, tests/property/match_property_test.cpp.
 

@@ -407,7 +407,10 @@ TEST_F(FailingSearchTables, ATreeThatCannotBeReadIsAFailureAndLeavesTheMetaFiles
     ++reads;
     EXPECT_EQ(kErrFile, status) << n;
     EXPECT_FALSE(dir_.exists("db/search_table.wmeta"));
-    EXPECT_EQ(kErrFile, create());  // the tree stays invalid
+    // The tree stays invalid; what is there is not even touched.
+    dir_.write("db/search_table.wtbl", "kept");
+    EXPECT_EQ(kErrFile, create());
+    EXPECT_EQ("kept", dir_.read("db/search_table.wtbl"));
     EXPECT_TRUE(log_.lines().empty());
     collector_.Reset();
   }

@@ -244,6 +244,10 @@ TEST_F(IndexSystem, TheBaseOfAnotherIndexIsForgotten) {
   expectLines(log_, {error("vnDelDocSignature", "no meta data, it means no index signatures")});
   ASSERT_EQ(kOk, add(int64_t{1} << 40, {kA}));
   EXPECT_EQ(table_twin::metaRecord(int64_t{1} << 40, 4), dir_.read("other/meta_data.bin"));
+  ASSERT_EQ(kOk, vnDestroyIndexSystem());
+  ASSERT_EQ(kOk, open());
+  ASSERT_EQ(kOk, add(103, {kA}));
+  EXPECT_EQ((std::set<int32_t>{3}), fidsOf(stored()));
 }
 
 TEST_F(IndexSystem, AFileOfElevenBytesIsNoBase) {

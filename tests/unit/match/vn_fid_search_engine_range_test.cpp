@@ -535,6 +535,32 @@ TEST_F(RangeSearch, FailuresOfTheStrongSearchHaveTheirMessages) {
   EXPECT_EQ("Error", log.lines()[1].word);
 }
 
+// Absent signatures that a batch passed over behind its last one do not count to
+// it, and what earlier batches found stays counted.
+TEST_F(RangeSearch, AFailedBatchIsNamedAndTheCountBeforeItStands) {
+  std::vector<StrongElement> elements = evenPlaces(10, 0x20);
+  for (const StrongElement& more : evenPlaces(10, 0x40)) elements.push_back(more);
+  load(elements, 2);
+  const std::vector<Signature> two_batches = {at(0, 0x20), at(0, 0x30), at(2, 0x40)};
+  FailPoint point;
+  point.fail(Call::kAllocate, 0);
+  ASSERT_EQ(kOk, search(two_batches));
+  ASSERT_EQ(2u, found_num);
+  const int allocations = point.count();
+
+  log.clear();
+  point.fail(Call::kAllocate, 2);
+  EXPECT_EQ(kErrMem, search(two_batches));
+  EXPECT_EQ(0u, found_num);
+  EXPECT_EQ("dbinary_find_signature_range fail on sig (0 -- 1)", messages().back());
+
+  log.clear();
+  point.fail(Call::kAllocate, allocations);
+  EXPECT_EQ(kErrMem, search(two_batches));
+  EXPECT_EQ(1u, found_num);
+  EXPECT_EQ("dbinary_find_signature_range fail on sig (2 -- 3)", messages().back());
+}
+
 TEST_F(RangeSearch, AStrongTableEmptiedSinceTheLoadingIsAFileError) {
   load(evenPlaces(10), 100);
   file.reset();

@@ -448,29 +448,44 @@ TEST_F(SearchSystem, AMutexThatCannotBeLockedFailsEveryFunction) {
   EXPECT_EQ(99u, level);
 }
 
-// Unlocks the engine's mutex behind the library's back as soon as it logs.
+// What the sink below has seen: the severity word and what follows the place.
+std::vector<std::string> seen_lines;
+
+// Unlocks the engine's mutex behind the library's back when it logs that the
+// engine starts or stands.
 int unlockEngine(const char* format, va_list arguments) {
-  static bool unlocked = false;
   char line[300];
   std::vsnprintf(line, sizeof line, format, arguments);
-  if (std::strstr(line, "search engine start") != nullptr ||
-      std::strstr(line, "search engine already stopped") != nullptr) {
-    unlocked = pthread_mutex_unlock(&search_engine_mutex) == 0;
-  } else if (unlocked) {
-    EXPECT_NE(nullptr, std::strstr(line, "#unlock search_engine_mutex fail")) << line;
-    unlocked = false;
+  const std::string text = line;
+  seen_lines.push_back(text.substr(0, text.find(' ')) + text.substr(text.find(":: ") + 2));
+  if (text.find("#search engine ") != std::string::npos) {
+    EXPECT_EQ(0, pthread_mutex_unlock(&search_engine_mutex));
   }
   return 0;
 }
 
 TEST_F(SearchSystem, AMutexThatCannotBeUnlockedFailsStartAndStop) {
-  tessera_set_log_sink(3, unlockEngine);
-  EXPECT_EQ(kErrState, vnStartSearchEngine(kIndex, 17, nullptr));
-  tessera_set_log_sink(3, nullptr);
+  const auto linesOf = [](auto call) {
+    seen_lines.clear();
+    tessera_set_log_sink(3, unlockEngine);
+    EXPECT_EQ(kErrState, call());
+    tessera_set_log_sink(3, nullptr);
+    return seen_lines;
+  };
+  const auto startEngine = [] { return vnStartSearchEngine(kIndex, 17, nullptr); };
+  const std::string failed_start = "Error #<vnStartSearchEngine>#unlock search_engine_mutex fail";
+  EXPECT_EQ(
+      (std::vector<std::string>{"Info #<vnStartSearchEngine>#search engine start", failed_start}),
+      linesOf(startEngine));
   EXPECT_EQ(kOk, search({at(1)}));  // started all the same
+  EXPECT_EQ((std::vector<std::string>{"Info #<vnStartSearchEngine>#search engine already started",
+                                      failed_start}),
+            linesOf(startEngine));
   EXPECT_EQ(kOk, vnStopSearchEngine());
-  tessera_set_log_sink(3, unlockEngine);
-  EXPECT_EQ(kErrState, vnStopSearchEngine());
+  EXPECT_EQ(
+      (std::vector<std::string>{"Info #<vnStopSearchEngine>#search engine already stopped",
+                                "Error #<vnStopSearchEngine>#unlock search_engine_mutex fail"}),
+      linesOf(vnStopSearchEngine));
 }
 
 TEST_F(SearchSystem, ThreadsSearchSideBySide) {

@@ -164,7 +164,7 @@ TEST_F(ConfigurationFile, OnlyPlainDecimalNumbersAreNumbers) {
 TEST_F(ConfigurationFile, AStringNeedsBothQuotesAndNoBlankBetweenThem) {
   for (const char* const value :
        {"\"a b\"", "\"a\tb\"", "\" a\"", "\"\ta\"", "\"a \"", "\"\"", "\"", "\"a", "a\"", "a",
-        "\"a\"b", "\"a\"\"b\"", "\"a\" \"b\"", "\"a\"=", "'a'"}) {
+        "\"a\"b", "\"a\"\"b\"", "\"a\" \"b\"", "\"a\"=", "'a'", "\"\"\"", "\"\"a\""}) {
     expectMalformed(std::string("fid_index_fname=") + value + "\n", 1);
   }
 }

@@ -1,0 +1,98 @@
+// An addition or a save whose memory cannot be had, allocation by allocation.
+// This file replaces the operators new and delete of its program.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <new>
+
+#include "documents.h"
+#include "index_model.h"
+#include "index_test_support.h"
+#include "status.h"
+#include "vn_fid_sig_index_collector_btree.h"
+
+namespace {
+
+int allocations_until_failure = 0;  // 0: none fails
+
+bool refused() { return allocations_until_failure > 0 && --allocations_until_failure == 0; }
+
+}  // namespace
+
+// Not inline: g++ would take the free() for one that does not fit the new.
+[[gnu::noinline]] void* operator new(size_t bytes) {
+  void* const block = refused() ? nullptr : std::malloc(bytes);
+  if (block == nullptr) throw std::bad_alloc();
+  return block;
+}
+[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, size_t) noexcept { std::free(block); }
+
+namespace {
+
+using Signatures = std::vector<Signature>;
+
+class OutOfMemory : public testing::Test {
+ protected:
+  OutOfMemory() { EXPECT_EQ(kOk, collector_.Init(IndexSysConfiguration(), "db")); }
+
+  int add(uint32_t fid, const Signatures& signatures) {
+    return collector_.AddFidSignature(fid, fid, static_cast<uint32_t>(signatures.size()),
+                                      signatures.data());
+  }
+
+  // Everything was saved, closes the collector.
+  void expectAsTheModel() {
+    model_.save();
+    collector_.Reset();
+    const StoredIndex index = storedIndex("db/fid_index");
+    EXPECT_TRUE(model_.fidSig() == index.fid_sig);
+    EXPECT_TRUE(model_.srcFid() == index.src_fid);
+    EXPECT_TRUE(model_.sigFid() == index.sig_fid);
+  }
+
+  TempDir dir_;
+  LogCapture log_;
+  IndexModel model_{2096};
+  dlp_btree::FidSigIndexCollector collector_;
+};
+
+TEST_F(OutOfMemory, AnAdditionIsWholeOrNotAtAll) {
+  int failures = 0;
+  for (uint32_t fid = 0; fid < 40; ++fid) {
+    const Signatures signatures = documents::signatures(10, fid);
+    for (int n = 1;; ++n) {
+      allocations_until_failure = n;
+      const int status = add(fid, signatures);
+      const bool failed = allocations_until_failure == 0;
+      allocations_until_failure = 0;
+      EXPECT_EQ(failed ? kErrMem : kOk, status);
+      if (!failed) break;
+      ++failures;
+    }
+    model_.add(fid, fid, signatures);
+  }
+  EXPECT_GE(failures, 40);  // at least the map's entry of each
+  EXPECT_TRUE(log_.lines().empty());
+  ASSERT_EQ(kOk, collector_.SaveFidSignature());
+  expectAsTheModel();
+}
+
+// The first four allocations of a save are its lists, before any tree is touched.
+TEST_F(OutOfMemory, ASaveWithoutMemoryForItsListsKeepsTheDocumentsPending) {
+  const Signatures signatures = documents::signatures(2000, 1);
+  ASSERT_EQ(kOk, add(5, signatures));
+  model_.add(5, 5, signatures);
+  for (int n = 1; n <= 4; ++n) {
+    allocations_until_failure = n;
+    EXPECT_EQ(kErrMem, collector_.SaveFidSignature());
+    EXPECT_EQ(0, allocations_until_failure);
+    EXPECT_EQ(kErrPending, add(5, signatures));
+  }
+  ASSERT_EQ(kOk, collector_.SaveFidSignature());
+  EXPECT_TRUE(log_.lines().empty());
+  expectAsTheModel();
+}
+
+}  // namespace
