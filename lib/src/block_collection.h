@@ -46,7 +46,7 @@ class BlockCollection {
   bool read(uint64_t number, void* block);
   bool write(uint64_t number, const void* block);
 
-  uint64_t allocate();            // the number of a block now in use; 0 when there is none left
+  uint64_t allocate();            // the number of a block now in use
   bool release(uint64_t number);  // is free from now on
 
   const std::vector<uint64_t>& freeBlocks() const { return free_blocks_; }

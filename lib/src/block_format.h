@@ -10,6 +10,7 @@
 // where they lie. The CRC-32C covers head and entries, its own four bytes taken
 // as zeros. The rest of the block is zero on disk, so that equal operations
 // give equal files. What an entry and the link are is drawn in btree_node.h.
+// Tests: tests/unit/store/block_cache_test.cpp.
 #pragma once
 
 #include <bit>

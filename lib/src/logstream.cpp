@@ -13,7 +13,9 @@ constexpr char kCurrentDirectory[] = {'.', platform::kSeparator, '\0'};
 void logstream::write(const char* source_file, int line, std::string_view message) noexcept try {
   if (!file_) {
     seedTemporaryNames(static_cast<uint64_t>(platform::current().time()));
-    const std::string path = tpie_tempnam("tpielog", kCurrentDirectory) + ".txt";
+    const std::string name = tpie_tempnam("tpielog", kCurrentDirectory);
+    if (name.empty()) return;
+    const std::string path = name + ".txt";
     file_ = platform::current().open(path.c_str(), platform::OpenMode::kRewrite);
     if (!file_) return;
     path_ = path;

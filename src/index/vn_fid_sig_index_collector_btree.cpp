@@ -39,22 +39,37 @@ bool byKey(const Entry& left, const Entry& right) {
                                          : left.place < right.place;
 }
 
-// Inserts makeRecord(entry) for every entry, which come in the tree's order.
-// refused[place] tells of each whether it was there already. False when the
-// tree has become invalid.
-template <typename Record, typename Less, typename MakeRecord>
-bool insertEntries(BTree<Record, Less>* tree, const std::vector<Entry>& entries,
-                   MakeRecord makeRecord, std::vector<bool>* refused) {
-  std::vector<Record> records(entries.size());
-  std::transform(entries.begin(), entries.end(), records.begin(), makeRecord);
-  std::vector<bool> refused_in_order;
-  if (!tree->insertBatch(records.data(), records.size(), &refused_in_order)) return false;
-  refused->resize(entries.size());
-  for (size_t i = 0; i < entries.size(); ++i) {
-    if (refused_in_order[i]) (*refused)[entries[i].place] = true;
+// The batch of one tree: its records in its own order, and room for its answer.
+// All memory is taken here, so that none can run out between two trees.
+template <typename Record>
+class TreeBatch {
+ public:
+  template <typename MakeRecord>
+  TreeBatch(const std::vector<Entry>& entries, MakeRecord makeRecord)
+      : records_(entries.size()), places_(entries.size()), duplicated_(entries.size()) {
+    refused_.reserve(entries.size());
+    std::transform(entries.begin(), entries.end(), records_.begin(), makeRecord);
+    std::transform(entries.begin(), entries.end(), places_.begin(),
+                   [](const Entry& entry) { return entry.place; });
   }
-  return true;
-}
+
+  // False when the tree is or becomes invalid.
+  template <typename Less>
+  bool insertInto(BTree<Record, Less>* tree) {
+    if (!tree->insertBatch(records_.data(), records_.size(), &refused_)) return false;
+    for (size_t i = 0; i < places_.size(); ++i) duplicated_[places_[i]] = refused_[i];
+    return true;
+  }
+
+  // Whether the record that was added at this place was there already.
+  bool isDuplicated(size_t place) const { return duplicated_[place]; }
+
+ private:
+  std::vector<Record> records_;
+  std::vector<uint32_t> places_;
+  std::vector<bool> refused_;     // in the tree's order
+  std::vector<bool> duplicated_;  // by place
+};
 
 // -4 when the tree's memory cannot be had, -5 when its files cannot.
 template <typename Tree>
@@ -141,8 +156,6 @@ int FidSigIndexCollector::gen_btree() {
     status = openTree(base_name + ".sigt", params, &sig_fid_tree_);
     if (status == kErrMem) LOG_ERROR("no mem for pSig_fid_tree");
   }
-  // Fresh trees are on disk from here on.
-  if (status == kOk && !commitTrees()) status = kErrFile;
   return status;  // after a failure Init closes the trees that were opened
 }
 
@@ -221,46 +234,31 @@ int FidSigIndexCollector::SaveFidSignature() try {
                        d, d});
   }
 
-  std::vector<bool> duplicated_fid_sig;  // by place among the pending signatures
-  std::vector<bool> duplicated_sig_fid;
-  std::vector<bool> duplicated_src_fid;  // by document
   std::sort(postings.begin(), postings.end(), byDocument);
-  if (!insertEntries(
-          fid_sig_tree_.get(), postings,
-          [&](const Entry& entry) {
-            return FidSigRecord{fid(entry), source(entry), signature(entry)};
-          },
-          &duplicated_fid_sig)) {
-    return kErrFile;
-  }
+  TreeBatch<FidSigRecord> fid_sig(postings, [&](const Entry& entry) {
+    return FidSigRecord{fid(entry), source(entry), signature(entry)};
+  });
   std::sort(postings.begin(), postings.end(), byKey);
-  if (!insertEntries(
-          sig_fid_tree_.get(), postings,
-          [&](const Entry& entry) {
-            return SigFidRecord{signature(entry), fid(entry), source(entry)};
-          },
-          &duplicated_sig_fid)) {
-    return kErrFile;
-  }
+  TreeBatch<SigFidRecord> sig_fid(postings, [&](const Entry& entry) {
+    return SigFidRecord{signature(entry), fid(entry), source(entry)};
+  });
   std::sort(sources.begin(), sources.end(), byKey);
-  if (!insertEntries(
-          src_fid_tree_.get(), sources,
-          [&](const Entry& entry) {
-            return SrcFidRecord{source(entry), fid(entry)};
-          },
-          &duplicated_src_fid)) {
+  TreeBatch<SrcFidRecord> src_fid(sources, [&](const Entry& entry) {
+    return SrcFidRecord{source(entry), fid(entry)};
+  });
+  if (!fid_sig.insertInto(fid_sig_tree_.get()) || !sig_fid.insertInto(sig_fid_tree_.get()) ||
+      !src_fid.insertInto(src_fid_tree_.get()) || !commitTrees()) {
     return kErrFile;
   }
-  if (!commitTrees()) return kErrFile;
 
   // Reported as if the documents had been inserted one by one.
   for (size_t i = 0; i < documents.size(); ++i) {
     const size_t d = (first_in_map + i) % documents.size();
     for (uint32_t place = documents[d].first; place < documents[d].end; ++place) {
-      if (duplicated_fid_sig[place]) LOG_ERROR("duplicated fid_sig value");
-      if (duplicated_sig_fid[place]) LOG_ERROR("duplicated sig_fid value");
+      if (fid_sig.isDuplicated(place)) LOG_ERROR("duplicated fid_sig value");
+      if (sig_fid.isDuplicated(place)) LOG_ERROR("duplicated sig_fid value");
     }
-    if (duplicated_src_fid[d]) {
+    if (src_fid.isDuplicated(d)) {
       LOG_ERROR("duplicated src_fid value: %d, %d", static_cast<int32_t>(documents[d].source_id),
                 static_cast<int32_t>(documents[d].fid_offset));
     }
@@ -327,7 +325,7 @@ void FidSigIndexCollector::Reset() noexcept {
   src_fid_tree_.reset();
   sig_fid_tree_.reset();
   pending_documents_.clear();
-  pending_signatures_ = {};
+  pending_signatures_ = std::vector<Signature>();  // gives its memory back, as {} would not
 }
 
 }  // namespace dlp_btree

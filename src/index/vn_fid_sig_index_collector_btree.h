@@ -59,7 +59,8 @@ class FidSigIndexCollector {
 
   // Removes a document's records. Returns 0, also when there are none, or -1
   // before Init. An I/O error makes the trees invalid, which the next save
-  // tells. Commit() makes deletions lasting.
+  // tells. Commit() makes deletions lasting. Throws std::bad_alloc before
+  // anything is removed.
   int DeleteFidSignature(uint32_t fid_offset);
 
   // Makes the trees on disk what they are in memory. False before Init and after

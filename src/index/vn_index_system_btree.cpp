@@ -3,6 +3,7 @@
 #include "vn_index_system_btree.h"
 
 #include <atomic>
+#include <new>
 #include <string>
 
 #include "config_lines.h"
@@ -71,6 +72,7 @@ int vnInitIndexSystem(const char* index_dir, uint32_t level, const char* config_
   // An index without a readable base is a new one.
   MetaData meta_data = {0, level};
   const bool loaded = load_meta_data(index_directory, kMetaDataFileName, &meta_data) == kOk;
+  b_meta_data_load = false;
   fid_base = meta_data.fid_base;
   sig_gen_level = meta_data.sig_gen_level;
   b_meta_data_load = loaded;
@@ -130,10 +132,14 @@ int vnDelDocSignature(uint32_t fid_num, const int64_t* fids) {
   }
   const Mutex_Aux lock(&index_collector_mutex);
   int status = kOk;
-  for (uint32_t i = 0; i < fid_num && status == kOk; ++i) {
-    uint32_t fid_offset;
-    status = process_fid(fids[i], fid_base, &fid_offset);
-    if (status == kOk) collector.DeleteFidSignature(fid_offset);
+  try {
+    for (uint32_t i = 0; i < fid_num && status == kOk; ++i) {
+      uint32_t fid_offset;
+      status = process_fid(fids[i], fid_base, &fid_offset);
+      if (status == kOk) collector.DeleteFidSignature(fid_offset);
+    }
+  } catch (const std::bad_alloc&) {
+    status = kErrMem;  // the deletions before stand
   }
   collector.Commit();  // a failure makes the trees invalid, which the next save tells
   return status;

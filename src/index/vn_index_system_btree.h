@@ -37,7 +37,8 @@ int vnAddDocSignature(int64_t fid, uint32_t source_id, uint32_t sig_num, const S
 
 // Removes `fid_num` documents, up to the first whose file ID is too far from
 // the base, and commits. Returns -3 without a list; -1 when no index is open,
-// the index has no base, or such a file ID was met.
+// the index has no base, or such a file ID was met; -4 without memory for the
+// next one.
 int vnDelDocSignature(uint32_t fid_num, const int64_t* fids);
 
 // Saves the pending documents.

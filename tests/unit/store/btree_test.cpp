@@ -63,25 +63,6 @@ TEST_F(BTreeTest, ReopeningYieldsTheSameRecordsInTheSameOrder) {
   EXPECT_EQ(records, scan(&tree));
 }
 
-TEST_F(BTreeTest, SignaturesOrderByTheirFirstByteAndNotAsNumbers) {
-  const Posting low = {1, 1, documents::signature({1, 0, 0, 0, 0, 0, 0, 9})};
-  const Posting high = {1, 1, documents::signature({2, 0, 0, 0, 0, 0, 0, 0})};
-  PostingTree tree("t", AccessType::kReadWrite, {});
-  EXPECT_TRUE(tree.insert(high));
-  EXPECT_TRUE(tree.insert(low));
-  EXPECT_EQ((std::vector<Posting>{low, high}), scan(&tree));
-}
-
-TEST_F(BTreeTest, NegativeFileIdsOrderBeforePositiveOnes) {
-  PostingTree tree("t", AccessType::kReadWrite, {});
-  for (const int32_t fid : {1, -1, INT32_MAX, INT32_MIN, 0}) {
-    EXPECT_TRUE(tree.insert({fid, 0, {}}));
-  }
-  std::vector<int32_t> fids;
-  for (const Posting& posting : scan(&tree)) fids.push_back(posting.fid);
-  EXPECT_EQ((std::vector<int32_t>{INT32_MIN, -1, 0, 1, INT32_MAX}), fids);
-}
-
 TEST_F(BTreeTest, AscendingInsertsFillEveryLeaf) {
   make(numbers(0, 400), smallTree(4, 10));
   EXPECT_EQ(100u, leaves().used_blocks);

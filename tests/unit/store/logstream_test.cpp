@@ -43,6 +43,16 @@ TEST(Logstream, AFileThatCannotBeOpenedLosesTheLineAndIsTriedAgain) {
   EXPECT_EQ("some.cpp line 2: kept\n", dir.read(path));
 }
 
+TEST(Logstream, WithoutANameThereIsNoFile) {
+  TempDir dir;
+  FailPoint system;
+  logstream log;
+  system.fail(Call::kToNativePath, 1, /*lasting=*/true);
+  log.write("some.cpp", 1, "lost");
+  EXPECT_EQ("", log.path());
+  EXPECT_EQ(0u, filesHere());
+}
+
 class TpieLog : public testing::Test {
  protected:
   ~TpieLog() override {

@@ -403,6 +403,7 @@ TEST_F(TreeFiles, AChildOfAWrongLevelMakesTheTreeInvalid) {
 TEST_F(TreeFiles, AFreeBlockThatIsInUseMakesTheTreeInvalid) {
   make();
   std::string stack = dir_.read("t.l.stk");
+  ASSERT_GT(stack.size(), 16u);
   const uint64_t count = loadLittle64(reinterpret_cast<const unsigned char*>(&stack[8]));
   auto* bytes = reinterpret_cast<unsigned char*>(stack.data());
   storeLittle64(bytes + 16 + (count - 1) * 8, 1);  // the first leaf
@@ -414,6 +415,11 @@ TEST_F(TreeFiles, AFreeBlockThatIsInUseMakesTheTreeInvalid) {
     ASSERT_TRUE(tree.is_valid());
     EXPECT_FALSE(tree.verify());
   }
+  NumberTree tree("t", AccessType::kReadWrite, params());
+  std::vector<Number> first;
+  ASSERT_TRUE(tree.readLeaf(tree.nextLeaf(0), &first));
+  EXPECT_FALSE(tree.insert({200})) << "behind the last leaf, which is full";
+  EXPECT_FALSE(tree.is_valid());
 }
 
 // Arbitrary bytes under check sums that fit: nothing may crash, hang, or read

@@ -270,6 +270,9 @@ TEST_F(ConfigurationFile, ALineIsShorterThan259CharactersWithItsEnd) {
     expectFailure(kErrFormat, load(padded(length) + "\n"), too_long);
   }
   expectFailure(kErrFormat, load(padded(259)), too_long);
+  // A carriage return counts, on every system.
+  expectLoads(padded(256) + "\r\n");
+  expectFailure(kErrFormat, load(padded(257) + "\r\n"), too_long);
   expectFailure(kErrFormat, load(std::string(300, ' ') + "\n"), too_long);
   expectFailure(kErrFormat, load("\nmax_fid_num=1\n" + padded(258) + "\n"),
                 "line 3 of config file index_sys_config.txt too long");
