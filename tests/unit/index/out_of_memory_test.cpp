@@ -79,12 +79,13 @@ TEST_F(OutOfMemory, AnAdditionIsWholeOrNotAtAll) {
   expectAsTheModel();
 }
 
-// The first four allocations of a save are its lists, before any tree is touched.
+// The first fifteen allocations of a save are its three lists and the four of each
+// tree's batch, before any tree is touched.
 TEST_F(OutOfMemory, ASaveWithoutMemoryForItsListsKeepsTheDocumentsPending) {
   const Signatures signatures = documents::signatures(2000, 1);
   ASSERT_EQ(kOk, add(5, signatures));
   model_.add(5, 5, signatures);
-  for (int n = 1; n <= 4; ++n) {
+  for (int n = 1; n <= 15; ++n) {
     allocations_until_failure = n;
     EXPECT_EQ(kErrMem, collector_.SaveFidSignature());
     EXPECT_EQ(0, allocations_until_failure);
