@@ -66,13 +66,15 @@ class IndexModel {
 
   void erase(uint32_t offset) {
     const int32_t fid = static_cast<int32_t>(offset);
-    const std::set<FidSig> all = fid_sig_;
-    for (const FidSig& record : all) {
-      if (std::get<0>(record) != fid) continue;
-      const auto& [ignored, source, signature] = record;
-      fid_sig_.erase(record);
+    for (auto record = fid_sig_.begin(); record != fid_sig_.end();) {
+      const auto& [holder, source, signature] = *record;
+      if (holder != fid) {
+        ++record;
+        continue;
+      }
       src_fid_.erase({source, fid});
       sig_fid_.erase({signature, fid, source});
+      record = fid_sig_.erase(record);
     }
   }
 

@@ -26,8 +26,14 @@ bool refused() { return allocations_until_failure > 0 && --allocations_until_fai
   if (block == nullptr) throw std::bad_alloc();
   return block;
 }
+[[gnu::noinline]] void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+  return refused() ? nullptr : std::malloc(bytes);
+}
 [[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
 [[gnu::noinline]] void operator delete(void* block, size_t) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block, const std::nothrow_t&) noexcept {
+  std::free(block);
+}
 
 namespace {
 
