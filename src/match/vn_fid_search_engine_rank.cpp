@@ -171,6 +171,9 @@ int FidIndexSearchEngine::process_fid_info(uint32_t* fid_num, MallocArray<FsidPa
   return ret;
 }
 
+// Both sorts tell their failures themselves, since a message bears the name of
+// the function that logs it.
+
 int FidIndexSearchEngine::quick_sort_fsid_pair(uint32_t n, FsidPair* fsid) const {
   if (n == 0) return kErrState;
   const auto compare = [fsid](uint32_t a, uint32_t b) {
