@@ -10,8 +10,14 @@ help:
 	@echo
 	@echo 'All of them work below build/ and install missing Debian packages first.'
 
-demo test coverage:
-	@scripts/$@
+demo:
+	@scripts/demo
+
+test:
+	@scripts/test
+
+coverage:
+	@scripts/coverage
 
 clean:
 	rm -rf build
