@@ -15,6 +15,13 @@
 #include "fail_point.h"
 #include "temp_dir.h"
 
+#if defined(__SANITIZE_THREAD__)
+// The wrong unlocks below are meant.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
+  return "mutex:platform_test.cpp\n";
+}
+#endif
+
 namespace {
 
 using platform::File;
