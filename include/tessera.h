@@ -89,10 +89,11 @@ TESSERA_API int ExitSignatureGenerator(void);
 /* Opens the index in "sig_index_DB", creating it when there is none, and adds
  * the index's root document (file ID -1).
  *
- * Returns 1 when an index is open already, the configuration file is missing
- * or malformed, or the index cannot be opened (another process has it open, a
- * file is damaged, the directory cannot be made). May be called from any
- * thread, like every function of this family. */
+ * What a crash left half done is undone first. Returns 1 when an index is open
+ * already, the configuration file is missing or malformed, or the index cannot
+ * be opened (another process has it open, a file is damaged, the directory
+ * cannot be made). May be called from any thread, like every function of this
+ * family. */
 TESSERA_API int InitIndexSystem(void);
 
 /* Adds a document. It is kept in memory until the pending documents are
@@ -115,16 +116,24 @@ TESSERA_API int AddDocSignature(int64_t file_id, unsigned char (*signatures)[8],
  *   file_ids    `count` file IDs; only read
  *   count       file IDs, 0 or more
  *
+ * The file IDs of one call are removed together: after a crash all of them are
+ * there, or none. They are removed for good when the call returns; a disk that
+ * fails undoes them, which is not told here but by the next save: the addition
+ * that finds the index full, or ExitIndexSystem().
+ *
  * Returns 1 when no index is open, the index has no base yet, an argument is
- * missing or negative, or a file ID is too far from the base: the file IDs
- * before that one are removed all the same. */
+ * missing or negative, memory runs out (nothing is removed then), or a file ID
+ * is too far from the base: the file IDs before that one are removed all the
+ * same. */
 TESSERA_API int DelDocSignature(int64_t* file_ids, int count);
 
-/* Writes the pending documents and the search tables and closes the index.
+/* Writes the pending documents, all of them or none, and the search tables, and
+ * closes the index.
  *
- * Returns 1 when no index is open or the pending documents could not be
- * written. A failure to write the tables alone is not told here:
- * InitMatchSystem() checks them. */
+ * Returns 1 when no index is open, the pending documents could not be written,
+ * or deletions before could not; the index is closed all the same and what was
+ * pending is lost. A failure to write the tables alone is not told here:
+ * InitMatchSystem() refuses torn tables, but old ones that were not touched load. */
 TESSERA_API int ExitIndexSystem(void);
 
 /* Sets the size in bytes of "sig_index_DB/sig_table.stbl" from which on
@@ -165,8 +174,9 @@ TESSERA_API int InitMatchSystem(void);
  *
  * Returns 1 when *result is null on entry (nothing is touched), `signatures` is
  * missing or `count` negative, no tables are loaded, the strong table cannot be
- * read, or memory runs out. Calls may run
- * side by side, but not beside ExitMatchSystem(). */
+ * read or has been rewritten since it was loaded, or memory runs out. Calls may
+ * run side by side, and beside InitMatchSystem() and ExitMatchSystem(): a search
+ * ends with the tables that it began with. */
 TESSERA_API int MatchSignature(unsigned char (*signatures)[8], int count, int fsz,
                                _DLPSigMatchRet** result, int* result_count);
 

@@ -1,13 +1,21 @@
 #include "config_lines.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <string_view>
 
-#include "platform.h"
+#include "paths.h"
 #include "scoped.h"
 #include "vn_win32_charset_chg.h"
 
 namespace tessera {
+
+std::unique_ptr<platform::File> openConfigFile(const char* file_name) {
+  std::string path;
+  platform::System& system = platform::current();
+  if (!system.finalPath(file_name, &path)) return nullptr;
+  return system.open(path.c_str(), platform::OpenMode::kRead);
+}
 
 namespace {
 
@@ -27,10 +35,10 @@ bool sameKey(std::string_view left, std::string_view right) {
 }
 
 // Takes over the whole file; a missing one is empty. False when it is there but
-// cannot be read.
+// cannot be read, also when that cannot be found out.
 bool readFile(const char* name, std::string* content) {
-  const auto file = platform::current().open(name, platform::OpenMode::kRead);
-  if (!file) return !dlp_btree::vn_exists(name);
+  const auto file = openConfigFile(name);
+  if (!file) return !dlp_btree::vn_exists(name) && dlp_btree::vn_last_error() == ENOENT;
   char part[4096];
   int64_t got;
   while ((got = file->read(part, sizeof part)) > 0) content->append(part, static_cast<size_t>(got));
@@ -46,6 +54,62 @@ void forEachLine(std::string_view content, Visit visit) {
     if (!visit(content.substr(0, end)) || end == std::string_view::npos) return;
     content.remove_prefix(end + 1);
   }
+}
+
+bool writeAndSync(platform::File* file, const std::string& content) {
+  return file->write(content.data(), content.size()) && file->sync();
+}
+
+// Creates a file beside `path` and gives it its name. A writer that was killed
+// leaves its file behind, so there is more than one name to try.
+std::unique_ptr<platform::File> createBeside(const std::string& path, std::string* name) {
+  constexpr int kNames = 10;
+  for (int i = 0; i < kNames; ++i) {
+    *name = path + ".tmp" + std::to_string(i);
+    auto file = platform::current().open(name->c_str(), platform::OpenMode::kNew);
+    if (file) return file;
+  }
+  return nullptr;
+}
+
+// What becomes of a file that is to be replaced.
+enum class Outcome {
+  kDone,
+  kFailed,      // it is as it was, and writing to it would fare no better
+  kImpossible,  // it is as it was, but no other file can take its place
+};
+
+Outcome replaceFile(const std::string& path, const std::string& content) {
+  platform::System& system = platform::current();
+  const std::string directory = directoryOf(path);
+  std::string beside;
+  auto file = createBeside(path, &beside);
+  if (!file) return Outcome::kImpossible;
+  Outcome outcome = Outcome::kImpossible;
+  if (system.copyRights(path.c_str(), beside.c_str())) {
+    // On a full disk the old content is better than half of the new one.
+    outcome = Outcome::kFailed;
+    if (writeAndSync(file.get(), content)) {
+      file.reset();
+      outcome = Outcome::kImpossible;
+      if (system.rename(beside.c_str(), path.c_str())) {
+        system.syncDirectory(directory.c_str());
+        return Outcome::kDone;
+      }
+    }
+  }
+  file.reset();
+  system.remove(beside.c_str());
+  return outcome;
+}
+
+void writeConfigFile(const char* name, const std::string& content) {
+  platform::System& system = platform::current();
+  std::string path;
+  if (!system.finalPath(name, &path)) return;
+  if (replaceFile(path, content) != Outcome::kImpossible) return;
+  const auto file = system.open(path.c_str(), platform::OpenMode::kRewrite);
+  if (file) writeAndSync(file.get(), content);
 }
 
 }  // namespace
@@ -94,8 +158,7 @@ int writeConfigValues(const char* file_name, const std::vector<ConfigValue>& val
     rewritten.append(values[i].first).append("=").append(values[i].second).append("\n");
   }
 
-  const auto file = platform::current().open(kConfigFileName, platform::OpenMode::kRewrite);
-  if (file) file->write(rewritten.data(), rewritten.size());
+  writeConfigFile(kConfigFileName, rewritten);
   return 0;
 }
 

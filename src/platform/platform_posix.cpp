@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -85,29 +86,94 @@ int openFlags(OpenMode mode) {
     case OpenMode::kUpdate:
     case OpenMode::kOwn:
       return O_RDWR | O_CREAT;
+    case OpenMode::kNew:
+      return O_RDWR | O_CREAT | O_EXCL;
   }
   return O_RDONLY;
 }
 
+// A descriptor of the file itself, not of what a link leads to; -1 on a failure.
+// Not blocking: a pipe planted under the name of an index file must not hang its
+// reader, who still has to see that it is no regular file.
+int openDescriptor(const char* path, int flags) {
+  return ::open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+}
+
+bool describesRegularFile(int descriptor, struct stat* status) {
+  return ::fstat(descriptor, status) == 0 && S_ISREG(status->st_mode);
+}
+
+// What the link `path` holds. False when it is no link or cannot be read.
+bool readLink(const std::string& path, std::string* text) {
+  char buffer[PATH_MAX];
+  const ssize_t length = ::readlink(path.c_str(), buffer, sizeof buffer);
+  if (length <= 0 || static_cast<size_t>(length) == sizeof buffer) return false;
+  text->assign(buffer, static_cast<size_t>(length));
+  return true;
+}
+
+constexpr int kMostLinks = 40;      // in a row, as the system itself has it
+constexpr mode_t kModeBits = 0777;  // who may read, write and execute
+
 class PosixSystem final : public System {
  public:
   std::unique_ptr<File> open(const char* path, OpenMode mode) override {
-    // Not blocking: a pipe planted under the name of an index file must not
-    // hang its reader. It is refused just below.
-    const int descriptor = ::open(path, openFlags(mode) | O_CLOEXEC | O_NONBLOCK, 0600);
+    const int descriptor = openDescriptor(path, openFlags(mode));
     if (descriptor < 0) return nullptr;
     std::unique_ptr<File> file(new (std::nothrow) PosixFile(descriptor));
     if (!file) {
       ::close(descriptor);
+      if (mode == OpenMode::kNew) ::unlink(path);  // nobody else knows of it
       return nullptr;
     }
     struct stat status;
-    if (::fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode)) return nullptr;
+    if (!describesRegularFile(descriptor, &status)) return nullptr;
     // A lock of the open file, not of the process: it also keeps a second
     // handle of this process out, and it dies with its holder.
     if (mode == OpenMode::kOwn && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0) return nullptr;
     if (mode == OpenMode::kRewrite && ::ftruncate(descriptor, 0) != 0) return nullptr;
     return file;
+  }
+
+  bool finalPath(const char* path, std::string* final_path) override try {
+    // The system must be willing to follow: it refuses a stranger's link in a
+    // directory that everybody may write to, and so must whoever reads it.
+    struct stat status;
+    if (::stat(path, &status) != 0 && errno != ENOENT) return false;
+    std::string current = path;
+    std::string text;
+    for (int links = 0; readLink(current, &text); ++links) {
+      if (links == kMostLinks) return false;
+      const size_t slash = current.rfind('/');
+      if (text.front() != '/' && slash != std::string::npos) text.insert(0, current, 0, slash + 1);
+      current.swap(text);
+    }
+    if (::lstat(current.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) return false;
+    final_path->swap(current);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+
+  bool copyRights(const char* from, const char* to) override {
+    const int source = openDescriptor(from, O_WRONLY);
+    if (source < 0) return errno == ENOENT;
+    struct stat rights;
+    bool copied = false;
+    if (describesRegularFile(source, &rights)) {
+      const int target = openDescriptor(to, O_WRONLY);
+      struct stat own;
+      // Only where they differ: giving a file away takes a privilege, and some
+      // file systems have one owner and one mode for all files.
+      copied = target >= 0 && describesRegularFile(target, &own) &&
+               ((own.st_uid == rights.st_uid && own.st_gid == rights.st_gid) ||
+                ::fchown(target, rights.st_uid, rights.st_gid) == 0) &&
+               ((own.st_mode & kModeBits) == (rights.st_mode & kModeBits) ||
+                ::fchmod(target, rights.st_mode & kModeBits) == 0);
+      if (target >= 0) ::close(target);
+    }
+    ::close(source);
+    return copied;
   }
 
   bool remove(const char* path) override { return ::unlink(path) == 0; }

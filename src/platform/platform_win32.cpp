@@ -22,6 +22,14 @@ namespace {
 // ReadFile and WriteFile count in 32 bits.
 constexpr size_t kLargestTransfer = 1u << 30;
 
+constexpr size_t kLongestPath = 32768;
+
+struct HandleCloser {
+  using pointer = HANDLE;
+  void operator()(HANDLE handle) const { ::CloseHandle(handle); }
+};
+using ScopedHandle = std::unique_ptr<void, HandleCloser>;
+
 class Win32File final : public File {
  public:
   explicit Win32File(HANDLE handle) : handle_(handle) {}
@@ -93,40 +101,129 @@ class Win32File final : public File {
   uint64_t position_ = 0;
 };
 
-HANDLE openHandle(const char* path, OpenMode mode) {
-  DWORD access = GENERIC_READ;
+// How CreateFile is to open a file. A rewritten file is cut afterwards, once it
+// is known to be one.
+struct Opening {
+  DWORD access = GENERIC_READ | GENERIC_WRITE;
   DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE;
-  DWORD disposition = OPEN_EXISTING;
+  DWORD disposition = OPEN_ALWAYS;
+};
+
+Opening openingOf(OpenMode mode) {
+  Opening opening;
   switch (mode) {
     case OpenMode::kRead:
+      opening.access = GENERIC_READ;
+      opening.disposition = OPEN_EXISTING;
       break;
     case OpenMode::kRewrite:
-      access = GENERIC_WRITE;
-      disposition = CREATE_ALWAYS;
+      opening.access = GENERIC_WRITE;
+      break;
+    case OpenMode::kUpdate:
+      break;
+    case OpenMode::kNew:
+      opening.disposition = CREATE_NEW;
       break;
     case OpenMode::kOwn:
-      share = FILE_SHARE_READ;  // refuses every other writer for as long as it is open
-      [[fallthrough]];
-    case OpenMode::kUpdate:
-      access = GENERIC_READ | GENERIC_WRITE;
-      disposition = OPEN_ALWAYS;
+      opening.share = FILE_SHARE_READ;  // refuses every other writer for as long as it is open
       break;
   }
-  return ::CreateFileA(path, access, share, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  return opening;
+}
+
+HANDLE createFile(const char* path, const Opening& opening, DWORD flags) {
+  return ::CreateFileA(path, opening.access, opening.share, nullptr, opening.disposition,
+                       FILE_ATTRIBUTE_NORMAL | flags, nullptr);
+}
+
+bool sameFile(const BY_HANDLE_FILE_INFORMATION& left, const BY_HANDLE_FILE_INFORMATION& right) {
+  return left.dwVolumeSerialNumber == right.dwVolumeSerialNumber &&
+         left.nFileIndexHigh == right.nFileIndexHigh && left.nFileIndexLow == right.nFileIndexLow;
+}
+
+// Opens the file itself. A reparse point that stands for another name, as links
+// and junctions do, is refused. Any other kind is a plain file whose content is
+// kept in a way of its own, compressed or elsewhere: it is opened once more
+// without the flag, so that its keeper gets to see the open.
+HANDLE openHandle(const char* path, const Opening& opening) {
+  const HANDLE handle = createFile(path, opening, FILE_FLAG_OPEN_REPARSE_POINT);
+  FILE_ATTRIBUTE_TAG_INFO tag;
+  if (handle == INVALID_HANDLE_VALUE ||
+      !::GetFileInformationByHandleEx(handle, FileAttributeTagInfo, &tag, sizeof tag) ||
+      (tag.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
+    return handle;
+  }
+  BY_HANDLE_FILE_INFORMATION before;
+  const bool known = ::GetFileInformationByHandle(handle, &before);
+  ::CloseHandle(handle);
+  if (!known || IsReparseTagNameSurrogate(tag.ReparseTag)) {
+    ::SetLastError(ERROR_CANT_ACCESS_FILE);
+    return INVALID_HANDLE_VALUE;
+  }
+  Opening again = opening;
+  again.disposition = OPEN_EXISTING;
+  const HANDLE plain = createFile(path, again, 0);
+  BY_HANDLE_FILE_INFORMATION after;
+  if (plain == INVALID_HANDLE_VALUE ||
+      (::GetFileInformationByHandle(plain, &after) && sameFile(before, after))) {
+    return plain;
+  }
+  ::CloseHandle(plain);
+  ::SetLastError(ERROR_CANT_ACCESS_FILE);
+  return INVALID_HANDLE_VALUE;
 }
 
 class Win32System final : public System {
  public:
   std::unique_ptr<File> open(const char* path, OpenMode mode) override {
-    const HANDLE handle = openHandle(path, mode);
+    const HANDLE handle = openHandle(path, openingOf(mode));
     if (handle == INVALID_HANDLE_VALUE) return nullptr;
     std::unique_ptr<File> file(new (std::nothrow) Win32File(handle));
     if (!file) {
       ::CloseHandle(handle);
+      if (mode == OpenMode::kNew) ::DeleteFileA(path);  // nobody else knows of it
       return nullptr;
     }
     if (::GetFileType(handle) != FILE_TYPE_DISK) return nullptr;
+    if (mode == OpenMode::kRewrite && !file->truncate(0)) return nullptr;
     return file;
+  }
+
+  bool finalPath(const char* path, std::string* final_path) override try {
+    const DWORD attributes = ::GetFileAttributesA(path);
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
+      *final_path = path;
+      return true;
+    }
+    const HANDLE handle =
+        ::CreateFileA(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (handle == INVALID_HANDLE_VALUE) return false;
+    const ScopedHandle closer(handle);
+    std::string name(kLongestPath, '\0');
+    const DWORD length =
+        ::GetFinalPathNameByHandleA(handle, name.data(), static_cast<DWORD>(name.size()), 0);
+    if (length == 0 || length >= name.size()) return false;
+    final_path->assign(name, 0, length);
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+
+  bool copyRights(const char* from, const char* to) override {
+    Opening opening;
+    opening.disposition = OPEN_EXISTING;
+    const HANDLE handle = openHandle(from, opening);
+    if (handle == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_FILE_NOT_FOUND;
+    const bool is_file = ::GetFileType(handle) == FILE_TYPE_DISK;
+    ::CloseHandle(handle);
+    if (!is_file) return false;
+    DWORD bytes = 0;
+    ::GetFileSecurityA(from, DACL_SECURITY_INFORMATION, nullptr, 0, &bytes);
+    const std::unique_ptr<unsigned char[]> rights(new (std::nothrow) unsigned char[bytes]);
+    return rights != nullptr &&
+           ::GetFileSecurityA(from, DACL_SECURITY_INFORMATION, rights.get(), bytes, &bytes) &&
+           ::SetFileSecurityA(to, DACL_SECURITY_INFORMATION, rights.get());
   }
 
   bool remove(const char* path) override { return ::DeleteFileA(path) != 0; }

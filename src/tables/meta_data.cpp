@@ -42,14 +42,18 @@ int load_meta_data(const std::string& directory, const char* file_name, MetaData
 
 int save_meta_data(const std::string& directory, const char* file_name, const MetaData& meta) {
   const std::string path = filePath(directory, file_name);
-  const auto file = platform::current().open(path.c_str(), platform::OpenMode::kRewrite);
+  platform::System& system = platform::current();
+  const auto file = system.open(path.c_str(), platform::OpenMode::kUpdate);
   if (!file) {
     LOG_ERROR("open meta data file (w) fail");
     return kOk;
   }
   unsigned char record[kMetaDataBytes];
   encodeMetaData(meta, &record);
-  if (!file->write(record, sizeof record)) LOG_ERROR("write meta data file fail");
+  if (!file->write(record, sizeof record) || !file->truncate(sizeof record) || !file->sync() ||
+      !system.syncDirectory(directoryOf(path).c_str())) {
+    LOG_ERROR("write meta data file fail");
+  }
   return kOk;
 }
 

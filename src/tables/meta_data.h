@@ -34,8 +34,11 @@ namespace dlp_btree {
 // alone then.
 int load_meta_data(const std::string& directory, const char* file_name, MetaData* meta);
 
-// Writes the file anew. Always 0: a failure is logged and must not stop the
-// addition of the document that caused it.
+// Writes the record over the old one, cuts the file behind it and sees both and
+// the file's name to the disk, where the trees' first commit, which depends on
+// the base, must not come before it. The file is never empty in between unless
+// it was. Always 0: a failure is logged and must not stop the addition of the
+// document that caused it.
 int save_meta_data(const std::string& directory, const char* file_name, const MetaData& meta);
 
 }  // namespace dlp_btree

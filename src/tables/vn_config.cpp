@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 
+#include "config_lines.h"
 #include "log.h"
 #include "platform.h"
 #include "status.h"
@@ -217,7 +218,7 @@ int IndexSysConfiguration::Load(const char* path) {
     LOG_ERROR("invalid config file name");
     return kErrParam;
   }
-  const auto file = platform::current().open(path, platform::OpenMode::kRead);
+  const auto file = tessera::openConfigFile(path);
   if (!file) {
     LOG_ERROR("open config file %s fail", path);
     return kErrFile;

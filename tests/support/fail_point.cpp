@@ -1,8 +1,50 @@
 #include "fail_point.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 namespace {
+
+constexpr size_t kFilledBytes = 1 << 20;  // of a new block; huge ones stay unused for the most part
+
+const char* nameOf(Call call) {
+  switch (call) {
+    case Call::kOpen:
+      return "open";
+    case Call::kSeek:
+      return "seek";
+    case Call::kRead:
+      return "read";
+    case Call::kWrite:
+      return "write";
+    case Call::kSize:
+      return "size";
+    case Call::kTruncate:
+      return "truncate";
+    case Call::kSync:
+      return "sync";
+    case Call::kFinalPath:
+      return "final path";
+    case Call::kCopyRights:
+      return "copy rights";
+    case Call::kRemove:
+      return "remove";
+    case Call::kRename:
+      return "rename";
+    case Call::kSyncDirectory:
+      return "sync directory";
+    case Call::kToNativePath:
+      return "to native path";
+    case Call::kAccess:
+      return "access";
+    case Call::kMakeDirectory:
+      return "make directory";
+    case Call::kAllocate:
+      return "allocate";
+  }
+  return "";
+}
 
 class FailingFile final : public platform::File {
  public:
@@ -24,7 +66,7 @@ class FailingFile final : public platform::File {
   bool truncate(uint64_t size) override {
     return !owner_->fails(Call::kTruncate, path_) && file_->truncate(size);
   }
-  bool sync() override { return !owner_->fails(Call::kSync, path_) && file_->sync(); }
+  bool sync() override { return !owner_->fails(Call::kSync, path_); }
 
  private:
   FailPoint* const owner_;
@@ -49,12 +91,17 @@ void FailPoint::failAny(const std::set<Call>& calls, int n, bool lasting,
   lasting_ = lasting;
   count_ = 0;
   failures_ = 0;
+  most_ = 0;
+  watched_.clear();
+  bytes_allocated_ = 0;
 }
 
 bool FailPoint::fails(Call call, const std::string& path) {
   if (!calls_.contains(call) || path.find(path_part_) == std::string::npos) return false;
   ++count_;
+  if (noting_) watched_.push_back(nameOf(call) + (" " + path));
   if (n_ == 0 || count_ < n_ || (count_ > n_ && !lasting_)) return false;
+  if (most_ != 0 && failures_ == most_) return false;
   ++failures_;
   return true;
 }
@@ -70,6 +117,14 @@ std::unique_ptr<platform::File> FailPoint::open(const char* path, platform::Open
   return std::make_unique<FailingFile>(this, path, std::move(file));
 }
 
+bool FailPoint::finalPath(const char* path, std::string* final_path) {
+  return !fails(Call::kFinalPath, path) && platform::native().finalPath(path, final_path);
+}
+
+bool FailPoint::copyRights(const char* from, const char* to) {
+  return !fails(Call::kCopyRights, from) && platform::native().copyRights(from, to);
+}
+
 bool FailPoint::remove(const char* path) {
   return !fails(Call::kRemove, path) && platform::native().remove(path);
 }
@@ -79,7 +134,7 @@ bool FailPoint::rename(const char* from, const char* to) {
 }
 
 bool FailPoint::syncDirectory(const char* path) {
-  return !fails(Call::kSyncDirectory, path) && platform::native().syncDirectory(path);
+  return !fails(Call::kSyncDirectory, path);
 }
 
 bool FailPoint::toNativePath(const char* utf8, platform::PathChar* native, size_t units) {
@@ -107,5 +162,9 @@ const char* FailPoint::environment(const char* name) {
 int64_t FailPoint::time() { return platform::native().time(); }
 
 void* FailPoint::allocate(size_t bytes) {
-  return fails(Call::kAllocate, "") ? nullptr : platform::native().allocate(bytes);
+  bytes_allocated_ += bytes;
+  if (fails(Call::kAllocate, "")) return nullptr;
+  void* const block = platform::native().allocate(bytes);
+  if (block != nullptr) std::memset(block, 0xA5, std::min(bytes, kFilledBytes));
+  return block;
 }

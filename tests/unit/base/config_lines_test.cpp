@@ -3,13 +3,21 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <set>
 #include <string>
 
 #include "documents.h"
 #include "fail_point.h"
 #include "temp_dir.h"
 
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
+
 namespace {
+
+namespace fs = std::filesystem;
 
 using tessera::ConfigValue;
 using tessera::readConfigValue;
@@ -181,17 +189,6 @@ TEST_F(ConfigWriter, WithoutMemoryNothingIsWritten) {
   EXPECT_EQ("key=1\n", dir_.read(kFile));
 }
 
-TEST_F(ConfigWriter, AFailedWriteIsNotTold) {
-  FailPoint point;
-  point.failAny({Call::kOpen}, 2);
-  dir_.write(kFile, "key=1\n");
-  EXPECT_EQ(0, writeConfigValues(kFile, {{"key", "2"}}));
-  EXPECT_TRUE(point.failed());
-  point.fail(Call::kWrite, 1);
-  EXPECT_EQ(0, writeConfigValues(kFile, {{"key", "2"}}));
-  EXPECT_TRUE(point.failed());
-}
-
 TEST_F(ConfigWriter, WhatCannotBeReadIsNotOverwritten) {
   dir_.write(kFile, "key=1\nx=5\n");
   FailPoint point;
@@ -215,5 +212,239 @@ TEST_F(ConfigWriter, WhatWasWrittenIsReadBack) {
     EXPECT_EQ(value, found) << content;
   }
 }
+
+// ---- Replacing the file ----
+
+const std::string kOld = "x=5\nkey=1\n";
+const std::string kNew = "x=5\nkey=2\n";
+
+const std::set<Call> kFileCalls = {
+    Call::kOpen,     Call::kSeek,          Call::kRead,      Call::kWrite,       Call::kSize,
+    Call::kTruncate, Call::kSync,          Call::kFinalPath, Call::kCopyRights,  Call::kRemove,
+    Call::kRename,   Call::kSyncDirectory, Call::kAccess,    Call::kToNativePath};
+
+class ConfigReplacement : public testing::Test {
+ protected:
+  ConfigReplacement() { dir_.write(kFile, kOld); }
+
+  void rewrite() { EXPECT_EQ(0, writeConfigValues(kFile, {{"key", "2"}})); }
+
+  static std::set<std::string> filesIn(const std::string& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+      names.insert(entry.path().filename().string());
+    }
+    return names;
+  }
+
+  void expectAlone(const std::string& content) {
+    EXPECT_EQ(content, dir_.read(kFile));
+    EXPECT_EQ(std::set<std::string>{kFile}, filesIn("."));
+  }
+
+  TempDir dir_;
+  FailPoint point_;
+};
+
+// From the n-th call on nothing reaches the system any more, as after a kill:
+// also a write gets no further than its half.
+TEST_F(ConfigReplacement, AKillAtAnyCallLeavesTheOldLinesOrTheNewOnes) {
+  std::set<std::string> seen;
+  for (int n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    dir_.write(kFile, kOld);
+    fs::remove(std::string(kFile) + ".tmp0");
+    point_.failAny(kFileCalls, n, /*lasting=*/true);
+    rewrite();
+    const bool killed = point_.failed();
+    const std::string content = dir_.read(kFile);
+    EXPECT_TRUE(content == kOld || content == kNew) << content;
+    seen.insert(content);
+    if (!killed) break;
+    point_.failAny({}, 0);
+    rewrite();  // what the killed writer has left behind is in nobody's way
+    EXPECT_EQ(kNew, dir_.read(kFile));
+    fs::remove(std::string(kFile) + ".tmp1");
+  }
+  EXPECT_EQ((std::set<std::string>{kOld, kNew}), seen);
+}
+
+TEST_F(ConfigReplacement, AnyCallMayFailOnce) {
+  std::set<std::string> seen;
+  for (int n = 1;; ++n) {
+    SCOPED_TRACE(n);
+    dir_.write(kFile, kOld);
+    point_.failAny(kFileCalls, n);
+    rewrite();
+    const bool failed = point_.failed();
+    const std::string content = dir_.read(kFile);
+    EXPECT_TRUE(content == kOld || content == kNew) << content;
+    EXPECT_EQ(std::set<std::string>{kFile}, filesIn("."));
+    seen.insert(content);
+    if (!failed) break;
+  }
+  EXPECT_EQ((std::set<std::string>{kOld, kNew}), seen);
+}
+
+TEST_F(ConfigReplacement, TheNewLinesAreOnTheDiskBeforeTheyBearTheName) {
+  point_.note();
+  point_.failAny({Call::kOpen, Call::kWrite, Call::kTruncate, Call::kSync, Call::kCopyRights,
+                  Call::kRename, Call::kRemove, Call::kSyncDirectory},
+                 0);
+  rewrite();
+  const std::string file = kFile;
+  EXPECT_EQ(
+      (std::vector<std::string>{"open " + file, "open " + file + ".tmp0", "copy rights " + file,
+                                "write " + file + ".tmp0", "sync " + file + ".tmp0",
+                                "rename " + file + ".tmp0", "sync directory ."}),
+      point_.watched());
+  expectAlone(kNew);
+}
+
+TEST_F(ConfigReplacement, AFullDiskKeepsTheOldLines) {
+  for (const Call call : {Call::kWrite, Call::kSync}) {
+    point_.fail(call, 1, /*lasting=*/true);
+    rewrite();
+    EXPECT_TRUE(point_.failed());
+    expectAlone(kOld);
+  }
+}
+
+TEST_F(ConfigReplacement, WhereNoFileCanTakeItsPlaceItIsRewrittenAsItIs) {
+  const struct {
+    Call call;
+    const char* path_part;
+  } cases[] = {{Call::kOpen, ".tmp"}, {Call::kCopyRights, ""}, {Call::kRename, ""}};
+  for (const auto& [call, path_part] : cases) {
+    dir_.write(kFile, kOld + "longer=than the new lines");
+    point_.fail(call, 1, /*lasting=*/true, path_part);
+    rewrite();
+    EXPECT_TRUE(point_.failed());
+    expectAlone("x=5\nkey=2\nlonger=than the new lines\n");
+  }
+  point_.note();
+  point_.failAny({Call::kRename, Call::kSync}, 2);
+  dir_.write(kFile, kOld);
+  rewrite();
+  EXPECT_EQ("sync " + std::string(kFile), point_.watched().back());
+}
+
+TEST_F(ConfigReplacement, AFailedWriteIsNotTold) {
+  point_.failAny({Call::kOpen}, 2, /*lasting=*/true);
+  rewrite();
+  EXPECT_TRUE(point_.failed());
+  expectAlone(kOld);
+}
+
+// Somebody else's file, perhaps one that a killed writer has left.
+TEST_F(ConfigReplacement, FilesBesideItAreLeftAlone) {
+  for (int i = 0; i < 10; ++i) {
+    const std::string name = std::string(kFile) + ".tmp" + std::to_string(i);
+    dir_.write(name, "somebody's");
+    dir_.write(kFile, kOld);
+    rewrite();
+    EXPECT_EQ(kNew, dir_.read(kFile));
+    EXPECT_EQ("somebody's", dir_.read(name));
+    EXPECT_EQ(static_cast<size_t>(i) + 2, filesIn(".").size());
+  }
+}
+
+TEST_F(ConfigReplacement, ADirectoryIsNoConfigurationAndStays) {
+  fs::remove(kFile);
+  dir_.makeDirectory(kFile);
+  rewrite();
+  EXPECT_TRUE(fs::is_directory(kFile));
+  EXPECT_EQ(std::set<std::string>{kFile}, filesIn("."));
+}
+
+#ifndef _WIN32
+mode_t modeOf(const char* name) {
+  struct stat status = {};
+  EXPECT_EQ(0, ::lstat(name, &status));
+  return status.st_mode & 07777;
+}
+
+TEST_F(ConfigReplacement, ItsModeSurvivesAndANewFileIsItsOwnersAlone) {
+  for (const mode_t mode : {0644, 0640, 0600, 0666}) {
+    ASSERT_EQ(0, ::chmod(kFile, mode));
+    rewrite();
+    EXPECT_EQ(mode, modeOf(kFile));
+  }
+  fs::remove(kFile);
+  rewrite();
+  EXPECT_EQ(0600u, modeOf(kFile));
+}
+
+class LinkedConfiguration : public ConfigReplacement {
+ protected:
+  LinkedConfiguration() {
+    fs::remove(kFile);
+    dir_.makeDirectory("a");
+    dir_.makeDirectory("a/b");
+    dir_.write("a/b/shared.txt", kOld);
+    fs::create_symlink("a/link", kFile);
+    fs::create_symlink("b/shared.txt", "a/link");
+  }
+
+  void expectLinksStand() {
+    EXPECT_EQ("a/link", fs::read_symlink(kFile));
+    EXPECT_EQ("b/shared.txt", fs::read_symlink("a/link"));
+  }
+};
+
+TEST_F(LinkedConfiguration, IsRead) {
+  std::string value;
+  readConfigValue(kFile, "key", &value);
+  EXPECT_EQ("1", value);
+}
+
+TEST_F(LinkedConfiguration, IsReplacedWhereItLiesAndTheLinksStay) {
+  point_.note();
+  point_.failAny({Call::kSync, Call::kRename, Call::kSyncDirectory}, 0);
+  rewrite();
+  expectLinksStand();
+  EXPECT_EQ(kNew, dir_.read("a/b/shared.txt"));
+  EXPECT_EQ(std::set<std::string>{"shared.txt"}, filesIn("a/b"));
+  EXPECT_EQ((std::vector<std::string>{"sync a/b/shared.txt.tmp0", "rename a/b/shared.txt.tmp0",
+                                      "sync directory a/b/"}),
+            point_.watched());
+}
+
+TEST_F(LinkedConfiguration, IsRewrittenInPlaceWhereItLies) {
+  point_.fail(Call::kRename, 1);
+  rewrite();
+  expectLinksStand();
+  EXPECT_EQ(kNew, dir_.read("a/b/shared.txt"));
+}
+
+TEST_F(LinkedConfiguration, IsMadeWhereTheLinksLead) {
+  fs::remove("a/b/shared.txt");
+  rewrite();
+  expectLinksStand();
+  EXPECT_EQ("key=2\n", dir_.read("a/b/shared.txt"));
+}
+
+TEST_F(LinkedConfiguration, IsNothingWhereTheLinksGoInACircle) {
+  fs::remove("a/link");
+  fs::create_symlink("../" + std::string(kFile), "a/link");
+  std::string value = "left over";
+  readConfigValue(kFile, "key", &value);
+  EXPECT_EQ("", value);
+  rewrite();
+  EXPECT_EQ("a/link", fs::read_symlink(kFile));
+}
+
+TEST_F(LinkedConfiguration, APipeOrADeviceBehindTheLinksIsNotReplaced) {
+  fs::remove("a/b/shared.txt");
+  ASSERT_EQ(0, ::mkfifo("a/b/shared.txt", 0600));
+  rewrite();
+  EXPECT_TRUE(fs::is_fifo("a/b/shared.txt"));
+  // Not even when other lines are read.
+  dir_.write("other.txt", kOld);
+  EXPECT_EQ(0, writeConfigValues("other.txt", {{"key", "2"}}));
+  EXPECT_TRUE(fs::is_fifo("a/b/shared.txt"));
+  EXPECT_EQ(std::set<std::string>{"shared.txt"}, filesIn("a/b"));
+}
+#endif
 
 }  // namespace

@@ -15,6 +15,12 @@
 #include "fail_point.h"
 #include "temp_dir.h"
 
+#ifndef _WIN32
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
 #if defined(__SANITIZE_THREAD__)
 // The wrong unlocks below are meant.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
@@ -28,8 +34,11 @@ using platform::File;
 using platform::OpenMode;
 
 constexpr OpenMode kAllModes[] = {OpenMode::kRead, OpenMode::kRewrite, OpenMode::kUpdate,
-                                  OpenMode::kOwn};
-constexpr OpenMode kWritingModes[] = {OpenMode::kRewrite, OpenMode::kUpdate, OpenMode::kOwn};
+                                  OpenMode::kNew, OpenMode::kOwn};
+constexpr OpenMode kWritingModes[] = {OpenMode::kRewrite, OpenMode::kUpdate, OpenMode::kNew,
+                                      OpenMode::kOwn};
+namespace fs = std::filesystem;
+
 constexpr bool kWindows = platform::kSeparator == '\\';
 
 std::unique_ptr<File> open(const char* name, OpenMode mode) {
@@ -88,6 +97,18 @@ TEST_F(PlatformFile, UpdatingAndOwningKeepAnExistingFile) {
     }
     EXPECT_EQ("aXc", dir_.read("file"));
   }
+}
+
+TEST_F(PlatformFile, ANewFileIsCreatedOnceAndCanBeReadAndWritten) {
+  {
+    const auto file = open("file", OpenMode::kNew);
+    ASSERT_NE(nullptr, file);
+    EXPECT_TRUE(file->write("abc", 3));
+    EXPECT_EQ("abc", readPart(file.get(), 0, 10));
+    EXPECT_EQ(nullptr, open("file", OpenMode::kNew));
+  }
+  EXPECT_EQ(nullptr, open("file", OpenMode::kNew));
+  EXPECT_EQ("abc", dir_.read("file"));
 }
 
 TEST_F(PlatformFile, AReadingHandleDoesNotWriteAndAWritingOneDoesNotRead) {
@@ -155,7 +176,6 @@ TEST_F(PlatformFile, AFileInAMissingDirectoryCannotBeCreated) {
 
 TEST_F(PlatformFile, NewFilesBelongToTheirOwnerAlone) {
   if (kWindows) GTEST_SKIP() << "file modes are POSIX's";
-  namespace fs = std::filesystem;
   for (const OpenMode mode : kWritingModes) {
     open("file", mode);
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status("file").permissions());
@@ -270,6 +290,42 @@ TEST_F(PlatformFile, AWrittenFileCanBeSynced) {
   EXPECT_TRUE(file->sync());
 }
 
+#ifndef _WIN32
+TEST_F(PlatformFile, ALinkIsNoFileWhereverItLeads) {
+  dir_.write("file", "abc");
+  dir_.makeDirectory("dir");
+  fs::create_symlink("file", "link");
+  fs::create_symlink("dir", "link_to_dir");
+  fs::create_symlink("nowhere", "dangling");
+  for (const OpenMode mode : kAllModes) {
+    for (const char* const link : {"link", "link_to_dir", "dangling"}) {
+      EXPECT_EQ(nullptr, open(link, mode)) << link;
+    }
+  }
+  EXPECT_EQ("abc", dir_.read("file"));
+  EXPECT_FALSE(dir_.exists("nowhere"));
+}
+
+TEST_F(PlatformFile, ADirectoryOnTheWayMayBeALink) {
+  dir_.makeDirectory("dir");
+  dir_.write("dir/file", "abc");
+  fs::create_directory_symlink("dir", "link");
+  for (const OpenMode mode : {OpenMode::kRead, OpenMode::kUpdate, OpenMode::kOwn}) {
+    EXPECT_NE(nullptr, open("link/file", mode));
+  }
+}
+
+// Neither end of a pipe is waited for; the test would hang.
+TEST_F(PlatformFile, APipeIsNoFileAndNobodyWaitsForItsOtherEnd) {
+  ASSERT_EQ(0, ::mkfifo("pipe", 0600));
+  for (const OpenMode mode : kAllModes) EXPECT_EQ(nullptr, open("pipe", mode));
+  const int reader = ::open("pipe", O_RDONLY | O_NONBLOCK);  // now writing does not fail at once
+  for (const OpenMode mode : kAllModes) EXPECT_EQ(nullptr, open("pipe", mode));
+  ::close(reader);
+  EXPECT_TRUE(fs::is_fifo("pipe"));
+}
+#endif
+
 class PlatformSystem : public testing::Test {
  protected:
   platform::System& system_ = platform::native();
@@ -291,6 +347,142 @@ TEST_F(PlatformSystem, RenamingReplacesTheTarget) {
   EXPECT_EQ("new", dir_.read("to"));
   EXPECT_FALSE(system_.rename("from", "to"));
   EXPECT_EQ("new", dir_.read("to"));
+}
+
+// What `path` leads to; "?" when that cannot be told.
+std::string finalPath(const std::string& path) {
+  std::string found = "?";
+  platform::native().finalPath(path.c_str(), &found);
+  return found;
+}
+
+TEST_F(PlatformSystem, APathThatIsNoLinkIsFinalAsItStands) {
+  dir_.makeDirectory("dir");
+  dir_.write("dir/file", "");
+  for (const std::string path : {"dir/file", "./dir//file", "dir", "dir/nothing", "nowhere/x"}) {
+    EXPECT_EQ(path, finalPath(path));
+  }
+  EXPECT_EQ(dir_.path("dir/file"), finalPath(dir_.path("dir/file")));
+}
+
+#ifndef _WIN32
+TEST_F(PlatformSystem, LinksAreFollowedFromWhereEachOfThemLies) {
+  dir_.makeDirectory("a");
+  dir_.makeDirectory("a/b");
+  dir_.write("a/file", "");
+  fs::create_symlink("b/second", "a/first");
+  fs::create_symlink("../file", "a/b/second");
+  EXPECT_EQ("a/b/../file", finalPath("a/first"));
+  fs::create_symlink(dir_.path("a/first"), "absolute");
+  EXPECT_EQ(dir_.path("a/b/../file"), finalPath("absolute"));
+  fs::create_symlink(dir_.path("a/file"), "a/b/absolute");
+  EXPECT_EQ(dir_.path("a/file"), finalPath("a/b/absolute"));
+  fs::create_symlink("a", "to_a");
+  EXPECT_EQ("to_a/file", finalPath("to_a/file"));
+  EXPECT_EQ("a", finalPath("to_a"));
+}
+
+TEST_F(PlatformSystem, ALinkMayLeadToNothing) {
+  fs::create_symlink("dir/nothing", "link");
+  EXPECT_EQ("dir/nothing", finalPath("link"));
+}
+
+TEST_F(PlatformSystem, ACircleOfLinksHasNoEnd) {
+  fs::create_symlink("b", "a");
+  fs::create_symlink("a", "b");
+  EXPECT_EQ("?", finalPath("a"));
+}
+
+TEST_F(PlatformSystem, ALinkThatLeadsWhereNobodyMayLookIsNotFollowed) {
+  dir_.makeDirectory("closed");
+  dir_.write("closed/file", "");
+  fs::create_symlink("closed/file", "link");
+  EXPECT_EQ("closed/file", finalPath("link"));
+  ASSERT_EQ(0, ::chmod("closed", 0));
+  const uid_t user = ::geteuid();
+  if (user == 0) {  // whom nothing is closed to
+    ASSERT_EQ(0, ::chmod(".", 0755));
+    ASSERT_EQ(0, ::seteuid(65534));
+  }
+  EXPECT_EQ("?", finalPath("link"));
+  ASSERT_EQ(0, ::seteuid(user));
+  ASSERT_EQ(0, ::chmod("closed", 0700));
+}
+
+// Most systems refuse to follow a stranger's link in a directory that everybody
+// may write to, which could have a privileged host rewrite a file of the
+// stranger's choice. Where they do, it is not followed by hand either.
+TEST_F(PlatformSystem, ALinkThatTheSystemDoesNotFollowIsNotFollowed) {
+  dir_.makeDirectory("everybody");
+  ASSERT_EQ(0, ::chmod("everybody", 01777));
+  dir_.write("file", "");
+  fs::create_symlink("../file", "everybody/link");
+  if (::geteuid() == 0) {
+    ASSERT_EQ(0, ::lchown("everybody/link", 65534, 65534));
+  }
+  const bool followed = ::access("everybody/link", F_OK) == 0;
+  EXPECT_EQ(followed ? "everybody/../file" : "?", finalPath("everybody/link"));
+}
+
+mode_t modeOf(const char* name) {
+  struct stat status = {};
+  EXPECT_EQ(0, ::lstat(name, &status));
+  return status.st_mode & 07777;
+}
+
+TEST_F(PlatformSystem, CopiedRightsAreTheModeOfTheOtherFile) {
+  dir_.write("from", "");
+  for (const mode_t mode : {0644, 0600, 0660, 0640}) {
+    open("to", OpenMode::kNew);
+    ASSERT_EQ(0, ::chmod("from", mode));
+    EXPECT_TRUE(system_.copyRights("from", "to"));
+    EXPECT_EQ(mode, modeOf("to"));
+    EXPECT_EQ(mode, modeOf("from"));
+    system_.remove("to");
+  }
+}
+
+TEST_F(PlatformSystem, RightsAreNeitherTakenFromNorGivenToALinkOrAPipe) {
+  dir_.write("file", "");
+  dir_.write("to", "");
+  ASSERT_EQ(0, ::chmod("file", 0666));
+  ASSERT_EQ(0, ::chmod("to", 0600));
+  fs::create_symlink("file", "link");
+  fs::create_symlink("to", "link_to");
+  ASSERT_EQ(0, ::mkfifo("pipe", 0666));
+  const int reader = ::open("pipe", O_RDONLY | O_NONBLOCK);
+  EXPECT_FALSE(system_.copyRights("link", "to"));
+  EXPECT_FALSE(system_.copyRights("pipe", "to"));
+  EXPECT_FALSE(system_.copyRights("file", "link_to"));
+  EXPECT_FALSE(system_.copyRights("file", "pipe"));
+  ::close(reader);
+  EXPECT_EQ(0600u, modeOf("to"));
+}
+
+// A file that is protected from being written is not to be replaced either.
+TEST_F(PlatformSystem, RightsOfAFileThatMayNotBeWrittenAreNotCopied) {
+  dir_.write("from", "");
+  ASSERT_EQ(0, ::chmod("from", 0444));
+  const uid_t user = ::geteuid();
+  if (user == 0) {  // who may write everything
+    ASSERT_EQ(0, ::chown("from", 65534, static_cast<gid_t>(-1)));
+    ASSERT_EQ(0, ::chown(".", 65534, 65534));
+    ASSERT_EQ(0, ::seteuid(65534));
+  }
+  EXPECT_NE(nullptr, open("to", OpenMode::kNew));
+  EXPECT_FALSE(system_.copyRights("from", "to"));
+  ASSERT_EQ(0, ::seteuid(user));
+}
+#endif
+
+TEST_F(PlatformSystem, RightsAreCopiedBetweenFilesAndAMissingOneHasNoneToCopy) {
+  dir_.write("from", "");
+  dir_.makeDirectory("dir");
+  const auto to = open("to", OpenMode::kNew);
+  EXPECT_TRUE(system_.copyRights("from", "to"));
+  EXPECT_TRUE(system_.copyRights("nothing", "to"));
+  EXPECT_FALSE(system_.copyRights("dir", "to"));
+  EXPECT_FALSE(system_.copyRights("from", "nothing"));
 }
 
 TEST_F(PlatformSystem, SyncsADirectory) { EXPECT_TRUE(system_.syncDirectory(".")); }

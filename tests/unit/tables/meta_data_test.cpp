@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "fail_point.h"
 #include "log_capture.h"
 #include "status.h"
@@ -121,10 +123,63 @@ TEST_F(MetaDataFile, AFailureToSaveIsToldAndNoFailure) {
   point.fail(Call::kOpen, 1);
   EXPECT_EQ(kOk, save());
   expectLogged("#<dlp_btree::save_meta_data>#open meta data file (w) fail");
-  log_.clear();
-  point.fail(Call::kWrite, 1);
-  EXPECT_EQ(kOk, save());
-  expectLogged("#<dlp_btree::save_meta_data>#write meta data file fail");
+  for (const Call call : {Call::kWrite, Call::kTruncate, Call::kSync, Call::kSyncDirectory}) {
+    log_.clear();
+    point.fail(call, 1);
+    EXPECT_EQ(kOk, save());
+    EXPECT_TRUE(point.failed());
+    expectLogged("#<dlp_btree::save_meta_data>#write meta data file fail");
+  }
 }
+
+// Nothing before the new record is on the disk cuts the old one, and both the
+// record and the file's name are there when the call returns.
+TEST_F(MetaDataFile, IsWrittenOverTheOldRecordAndSynced) {
+  FailPoint point;
+  point.note();
+  point.failAny({Call::kOpen, Call::kWrite, Call::kTruncate, Call::kSync, Call::kSyncDirectory}, 0);
+  EXPECT_EQ(kOk, save_meta_data("db", kMetaDataFileName, kMeta));
+  EXPECT_EQ(std::vector<std::string>{"open db/meta_data.bin"}, point.watched());
+  dir_.makeDirectory("db");
+  point.failAny({Call::kOpen, Call::kWrite, Call::kTruncate, Call::kSync, Call::kSyncDirectory}, 0);
+  EXPECT_EQ(kOk, save_meta_data("db", kMetaDataFileName, kMeta));
+  EXPECT_EQ((std::vector<std::string>{"open db/meta_data.bin", "write db/meta_data.bin",
+                                      "truncate db/meta_data.bin", "sync db/meta_data.bin",
+                                      "sync directory db/"}),
+            point.watched());
+}
+
+// A record so small is written as one; that FailPoint leaves half of it shows
+// that the old one was there until then.
+TEST_F(MetaDataFile, AKillAtAnyCallLeavesTheOldRecordOrTheNewOne) {
+  const std::string old = std::string(12, 'o') + "more";
+  const std::string half = kRecord.substr(0, 6) + old.substr(6);
+  for (int n = 1;; ++n) {
+    dir_.write(kMetaDataFileName, old);
+    FailPoint point;
+    point.failAny({Call::kOpen, Call::kWrite, Call::kTruncate, Call::kSync, Call::kSyncDirectory},
+                  n, /*lasting=*/true);
+    EXPECT_EQ(kOk, save());
+    const std::string content = dir_.read(kMetaDataFileName);
+    EXPECT_TRUE(content == old || content == half || content.substr(0, 12) == kRecord)
+        << n << ": " << testing::PrintToString(content);
+    if (!point.failed()) break;
+  }
+  EXPECT_EQ(kRecord, dir_.read(kMetaDataFileName));
+}
+
+#ifndef _WIN32
+TEST_F(MetaDataFile, ALinkInItsPlaceIsNeitherReadNorWritten) {
+  dir_.write("elsewhere", kRecord);
+  std::filesystem::create_symlink("elsewhere", kMetaDataFileName);
+  EXPECT_EQ(kErrFile, load());
+  expectLogged("#<dlp_btree::load_meta_data>#open meta data file (r) fail");
+  expectUntouched();
+  dir_.write("elsewhere", "other");
+  EXPECT_EQ(kOk, save());
+  expectLogged("#<dlp_btree::save_meta_data>#open meta data file (w) fail", 2);
+  EXPECT_EQ("other", dir_.read("elsewhere"));
+}
+#endif
 
 }  // namespace

@@ -285,6 +285,15 @@ TEST_F(ConfigurationFile, AStringMayFillAWholeLine) {
                 "fid_index_fname too long at line 2");
 }
 
+TEST_F(ConfigurationFile, AKeyMayFillAWholeLine) {
+  // 258 characters with the line feed: a key of 255, "=" and a digit.
+  const auto filled = [](std::string key) { return key + std::string(255 - key.size(), 'k'); };
+  expectLoads(filled("max_fid_num") + "=7\n");
+  expectDefaults();  // no prefix of a key is the key
+  expectLoads(filled("") + "=7\nmax_fid_num=\"x\"\n");
+  EXPECT_EQ(7u, configuration_.max_fid_num);
+}
+
 TEST_F(ConfigurationFile, EveryLineCounts) {
   expectMalformed("\n \n\r\n\t\nbad\n", 5);
   expectMalformed("max_fid_num=1\n\nbad", 3);
@@ -345,5 +354,16 @@ TEST_F(ConfigurationFile, TheFileIsClosedOnEveryWayOut) {
   load("bad\n");
   EXPECT_TRUE(std::filesystem::remove(kName));
 }
+
+#ifndef _WIN32
+TEST_F(ConfigurationFile, MayBeALink) {
+  dir_.write("shared.txt", "max_fid_num=12\n");
+  std::filesystem::create_symlink("shared.txt", kName);
+  EXPECT_EQ(kOk, configuration_.Load(kName));
+  EXPECT_EQ(12u, configuration_.max_fid_num);
+  std::filesystem::remove("shared.txt");
+  expectFailure(kErrFile, configuration_.Load(kName), "open config file index_sys_config.txt fail");
+}
+#endif
 
 }  // namespace
