@@ -32,8 +32,12 @@ void BlockRef::markChanged() {
   cache_->changed_ = true;
 }
 
-BlockCache::BlockCache(BlockCollection* collection, const BlockFormat& format, uint32_t blocks)
-    : collection_(collection), format_(format), places_(placesFor(blocks)) {
+BlockCache::BlockCache(BlockCollection* collection, const BlockFormat& format, uint32_t blocks,
+                       std::function<bool()> write_back)
+    : collection_(collection),
+      format_(format),
+      write_back_(std::move(write_back)),
+      places_(placesFor(blocks)) {
   const size_t bytes = places_.size() * format_.block_bytes;
   if (!MM_register_base::instance().register_allocation(bytes)) throw std::bad_alloc();
   memory_ = mallocArray<unsigned char>(bytes);
@@ -58,12 +62,14 @@ BlockRef BlockCache::get(uint64_t number, uint32_t level) {
     }
     if (!blockIsSound(format_, block, number)) {
       TPIE_LOG("block " + std::to_string(number) + " is damaged");
+      found_damage_ = true;
       return BlockRef();
     }
     places_[place].number = number;
   }
   if (blockAt(place)->level != level) {
     TPIE_LOG("block " + std::to_string(number) + " is of another level");
+    found_damage_ = true;
     return BlockRef();
   }
   return hold(place);
@@ -93,18 +99,40 @@ bool BlockCache::discard(uint64_t number) {
   return true;
 }
 
-bool BlockCache::flush() {
-  std::vector<size_t> order;
+std::vector<size_t> BlockCache::changedPlaces() const {
+  std::vector<size_t> changed;
   for (size_t place = 0; place < places_.size(); ++place) {
-    if (places_[place].changed) order.push_back(place);
+    if (places_[place].changed) changed.push_back(place);
   }
-  std::sort(order.begin(), order.end(),
+  std::sort(changed.begin(), changed.end(),
             [this](size_t a, size_t b) { return places_[a].number < places_[b].number; });
-  if (!std::all_of(order.begin(), order.end(), [this](size_t place) { return writeOut(place); })) {
-    return false;
+  return changed;
+}
+
+bool BlockCache::saveOld() {
+  const std::vector<size_t> changed = changedPlaces();
+  return std::all_of(changed.begin(), changed.end(), [this](size_t place) {
+    return collection_->saveBlock(places_[place].number);
+  });
+}
+
+bool BlockCache::flush() {
+  for (const size_t place : changedPlaces()) {
+    BlockHead* const block = blockAt(place);
+    sealBlock(format_, block);
+    if (!collection_->write(places_[place].number, block)) {
+      TPIE_LOG("block " + std::to_string(places_[place].number) + " cannot be written");
+      return false;
+    }
+    places_[place].changed = false;
   }
   changed_ = false;
   return true;
+}
+
+void BlockCache::clear() {
+  std::fill(places_.begin(), places_.end(), Place());
+  changed_ = false;
 }
 
 BlockHead* BlockCache::blockAt(size_t place) const {
@@ -135,7 +163,7 @@ size_t BlockCache::makeRoom(uint64_t number) {
     }
   }
   if (oldest == places_.size()) return oldest;
-  if (places_[oldest].changed && !writeOut(oldest)) return places_.size();
+  if (places_[oldest].changed && !write_back_()) return places_.size();
   places_[oldest] = Place();
   return oldest;
 }
@@ -143,15 +171,4 @@ size_t BlockCache::makeRoom(uint64_t number) {
 BlockRef BlockCache::hold(size_t place) {
   places_[place].last_use = ++uses_;
   return BlockRef(this, place);
-}
-
-bool BlockCache::writeOut(size_t place) {
-  BlockHead* const block = blockAt(place);
-  sealBlock(format_, block);
-  if (!collection_->write(places_[place].number, block)) {
-    TPIE_LOG("block " + std::to_string(places_[place].number) + " cannot be written");
-    return false;
-  }
-  places_[place].changed = false;
-  return true;
 }

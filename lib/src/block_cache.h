@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -49,7 +50,8 @@ class BlockCache {
 
   // Room for `blocks` blocks, rounded up to whole sets. Throws std::bad_alloc
   // when their memory cannot be had or the register refuses it.
-  BlockCache(BlockCollection* collection, const BlockFormat& format, uint32_t blocks);
+  BlockCache(BlockCollection* collection, const BlockFormat& format, uint32_t blocks,
+             std::function<bool()> write_back);
   ~BlockCache();
   BlockCache(const BlockCache&) = delete;
   BlockCache& operator=(const BlockCache&) = delete;
@@ -65,7 +67,14 @@ class BlockCache {
   bool discard(uint64_t number);
 
   bool changed() const { return changed_; }  // anything since the last flush
-  bool flush();                              // writes every changed block, in the order of the file
+  bool saveOld();  // the old contents of every changed block go to the journal
+  bool flush();    // writes every changed block, in the order of the file
+
+  // Forgets all blocks, unwritten ones too. Nobody may hold any.
+  void clear();
+
+  // A block was read that is none of this collection, or not as it was written.
+  bool foundDamage() const { return found_damage_; }
 
  private:
   friend class BlockRef;
@@ -82,13 +91,15 @@ class BlockCache {
   size_t find(uint64_t number) const;  // places_.size() when it is not there
   size_t makeRoom(uint64_t number);    // places_.size() when there is none
   BlockRef hold(size_t place);
-  bool writeOut(size_t place);
+  std::vector<size_t> changedPlaces() const;  // in the order of the file
 
   BlockCollection* const collection_;
   const BlockFormat format_;
+  const std::function<bool()> write_back_;
   std::vector<Place> places_;
   size_t registered_bytes_ = 0;
   MallocArray<unsigned char> memory_;
   uint64_t uses_ = 0;
   bool changed_ = false;
+  bool found_damage_ = false;
 };

@@ -5,6 +5,7 @@
 
 #include "crc32c.h"
 #include "little_endian.h"
+#include "platform.h"
 #include "tpie_log.h"
 
 namespace {
@@ -20,56 +21,50 @@ uint32_t stackCrc(std::vector<unsigned char>* bytes) {
   return crc32c(bytes->data(), bytes->size());
 }
 
-bool readAt(platform::File* file, uint64_t offset, void* buffer, size_t bytes) {
-  return file->seek(offset) && file->read(buffer, bytes) == static_cast<int64_t>(bytes);
-}
-
 }  // namespace
 
-bool BlockCollection::open(const std::string& name, platform::OpenMode block_mode,
+bool BlockCollection::load(JournalledFiles* files, size_t block_file, size_t stack_file,
                            uint32_t block_factor) {
-  platform::System& system = platform::current();
-  const bool read_only = block_mode == platform::OpenMode::kRead;
-  header_.os_block_size = system.allocationGranularity();
+  *this = BlockCollection();
+  files_ = files;
+  block_file_ = block_file;
+  stack_file_ = stack_file;
+  header_.os_block_size = platform::current().allocationGranularity();
   header_.logical_block_size = header_.os_block_size * block_factor;
   if (header_.logical_block_size == 0 || header_.logical_block_size > kMaxBlockBytes) return false;
-  block_file_ = system.open((name + ".blk").c_str(), block_mode);
-  if (!block_file_) {
-    TPIE_LOG("block file of " + name + " cannot be opened");
+  const bool absent = files_->length(block_file_) == 0;
+  if (!absent && !readHeader()) {
+    TPIE_LOG("the header of a block file is damaged or of another system");
     return false;
   }
-  stack_file_ = system.open((name + ".stk").c_str(),
-                            read_only ? platform::OpenMode::kRead : platform::OpenMode::kUpdate);
-  if (!stack_file_) {
-    TPIE_LOG("free-block stack of " + name + " cannot be opened");
+  // Before it is written its old content goes to the journal: all of it.
+  constexpr uint64_t kTolerance = uint64_t{1} << 20;
+  if (files_->length(stack_file_) > header_.blocks() * sizeof(uint64_t) + kTolerance) {
+    TPIE_LOG("a stack is much longer than one of so many blocks");
     return false;
   }
-  const int64_t length = block_file_->size();
-  if (length < 0 || (length == 0 && read_only)) return false;
-  file_length_ = static_cast<uint64_t>(length);
-  if (length == 0) {
+  if (absent) {
     fresh_ = true;
     stack_changed_ = true;  // a stack left over from a removed file is cut
     return true;
   }
-  if (!readHeader()) {
-    TPIE_LOG("header of " + name + " is damaged or of another system");
-    return false;
+  stack_damaged_ = header_.freeBlocks() > 0 && !readStack();
+  if (stack_damaged_) {
+    TPIE_LOG("a stack of free blocks is damaged");
+    free_blocks_.clear();
   }
-  if (header_.freeBlocks() > 0 && !readStack()) {
-    TPIE_LOG("free-block stack of " + name + " is damaged");
-    return false;
-  }
+  reserveBatch();
+  beginBatch();
   return true;
 }
 
 bool BlockCollection::readHeader() {
   BlockFileHeaderBytes bytes;
   BlockFileHeader header;
-  if (!readAt(block_file_.get(), 0, bytes.data(), bytes.size()) ||
+  if (!files_->read(block_file_, 0, bytes.data(), bytes.size()) ||
       !decodeBlockFileHeader(bytes, &header) || header.os_block_size != header_.os_block_size ||
       header.logical_block_size != header_.logical_block_size ||
-      header.fileLength() != file_length_) {
+      header.fileLength() != files_->length(block_file_)) {
     return false;
   }
   header_ = header;
@@ -80,9 +75,9 @@ bool BlockCollection::readStack() {
   // The length first: the file's own count is not to be believed before the CRC.
   const uint64_t count = header_.freeBlocks();
   const uint64_t bytes = kStackHeadBytes + count * sizeof(uint64_t);
-  if (stack_file_->size() != static_cast<int64_t>(bytes)) return false;
+  if (files_->length(stack_file_) != bytes) return false;
   std::vector<unsigned char> content(bytes);
-  if (!readAt(stack_file_.get(), 0, content.data(), content.size())) return false;
+  if (!files_->read(stack_file_, 0, content.data(), content.size())) return false;
   const uint32_t crc = loadLittle32(&content[kStackCrcOffset]);
   if (loadLittle32(&content[0]) != kStackMagic || loadLittle64(&content[8]) != count ||
       crc != stackCrc(&content)) {
@@ -98,15 +93,25 @@ bool BlockCollection::readStack() {
          std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
 }
 
+bool BlockCollection::rebuildStack(const std::vector<bool>& used) {
+  free_blocks_.clear();
+  for (uint64_t number = header_.blocks(); number > 0; --number) {
+    if (!used[number]) free_blocks_.push_back(number);
+  }
+  if (free_blocks_.size() != header_.freeBlocks()) return false;
+  stack_damaged_ = false;
+  stack_changed_ = true;
+  beginBatch();
+  return true;
+}
+
 bool BlockCollection::read(uint64_t number, void* block) {
-  if (number == 0 || number >= header_.last_block) return false;
-  const uint64_t offset = header_.os_block_size + (number - 1) * header_.logical_block_size;
-  return readAt(block_file_.get(), offset, block, blockBytes());
+  return number != 0 && number < header_.last_block &&
+         files_->read(block_file_, offsetOf(number), block, blockBytes());
 }
 
 bool BlockCollection::write(uint64_t number, const void* block) {
-  const uint64_t offset = header_.os_block_size + (number - 1) * header_.logical_block_size;
-  return overwrite(block_file_.get(), offset, block, blockBytes());
+  return files_->write(block_file_, offsetOf(number), block, blockBytes());
 }
 
 uint64_t BlockCollection::allocate() {
@@ -123,20 +128,37 @@ uint64_t BlockCollection::allocate() {
   return number;
 }
 
-bool BlockCollection::release(uint64_t number) {
-  try {
-    free_blocks_.push_back(number);
-  } catch (const std::bad_alloc&) {
-    return false;
-  }
+void BlockCollection::release(uint64_t number) {
+  free_blocks_.push_back(number);
   stack_changed_ = true;
   --header_.used_blocks;
+}
+
+void BlockCollection::reserveBatch() { settled_.reserve(header_.last_block); }
+
+void BlockCollection::beginBatch() {
+  settled_.assign(header_.last_block, false);
+  for (const uint64_t number : free_blocks_) settled_[number] = true;
+}
+
+bool BlockCollection::saveBlock(uint64_t number) {
+  if (number >= settled_.size() || settled_[number]) return true;  // new, free at begin, or saved
+  if (!files_->saveOld(block_file_, offsetOf(number), blockBytes())) return false;
+  settled_[number] = true;
   return true;
+}
+
+// Of the header's block only the header itself is ever anything but zeros.
+bool BlockCollection::saveStackAndHeader() {
+  return (!stack_changed_ ||
+          files_->saveOld(stack_file_, 0, files_->lengthAtBegin(stack_file_))) &&
+         files_->saveOld(block_file_, 0, kBlockFileHeaderBytes);
 }
 
 bool BlockCollection::extend() {
   // A block that was freed before it was ever written may be the last one.
-  return file_length_ >= header_.fileLength() || setLength(block_file_.get(), header_.fileLength());
+  return files_->length(block_file_) >= header_.fileLength() ||
+         files_->setLength(block_file_, header_.fileLength());
 }
 
 bool BlockCollection::writeStack() {
@@ -150,9 +172,9 @@ bool BlockCollection::writeStack() {
       storeLittle64(&content[kStackHeadBytes + i * sizeof(uint64_t)], free_blocks_[i]);
     }
     storeLittle32(&content[kStackCrcOffset], stackCrc(&content));
-    if (!overwrite(stack_file_.get(), 0, content.data(), content.size())) return false;
+    if (!files_->write(stack_file_, 0, content.data(), content.size())) return false;
   }
-  if (!setLength(stack_file_.get(), content.size())) return false;
+  if (!files_->setLength(stack_file_, content.size())) return false;
   stack_changed_ = false;
   return true;
 }
@@ -166,23 +188,7 @@ bool BlockCollection::writeHeader(uint64_t root, uint64_t height, uint64_t recor
   const BlockFileHeaderBytes bytes = encodeBlockFileHeader(header_);
   std::vector<unsigned char> block(header_.os_block_size);
   std::copy(bytes.begin(), bytes.end(), block.begin());
-  if (!overwrite(block_file_.get(), 0, block.data(), block.size())) return false;
+  if (!files_->write(block_file_, 0, block.data(), block.size())) return false;
   fresh_ = false;
-  return true;
-}
-
-// Whatever changes a file of the collection passes through the next two
-// functions: here the old bytes, or the old length, can be saved beforehand.
-
-bool BlockCollection::overwrite(platform::File* file, uint64_t offset, const void* data,
-                                size_t bytes) {
-  if (!file->seek(offset) || !file->write(data, bytes)) return false;
-  if (file == block_file_.get()) file_length_ = std::max(file_length_, offset + bytes);
-  return true;
-}
-
-bool BlockCollection::setLength(platform::File* file, uint64_t length) {
-  if (!file->truncate(length)) return false;
-  if (file == block_file_.get()) file_length_ = length;
   return true;
 }

@@ -26,7 +26,8 @@
 // the next new block gets. used <= last - 1; the difference is the free blocks.
 // From byte 64 on stands what the tree keeps about itself: root, height and
 // records in the file of its leaves only, zeros in that of its nodes, and in
-// both the number of the commit that wrote them. The CRC is that of the 576
+// both the number of the commit that wrote them, the same in all files of an
+// index. The CRC is that of the 576
 // bytes with its own four as zeros. Tests: tests/unit/store/bte_stream_base_test.cpp.
 #pragma once
 
@@ -43,7 +44,7 @@ struct BlockFileHeader {
   uint64_t root = 0;                // block number; 0: the tree is empty
   uint64_t height = 0;              // levels, the leaves' included
   uint64_t records = 0;
-  uint64_t transaction = 0;  // 0: none since the file was made
+  uint64_t transaction = 0;  // of the commit that wrote this
 
   uint64_t blocks() const { return last_block - 1; }
   uint64_t freeBlocks() const { return blocks() - used_blocks; }

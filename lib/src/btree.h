@@ -2,14 +2,15 @@
 //
 // The tree is a B+ tree: every record is in a leaf, the leaves are linked in
 // ascending order, and nodes hold separators and the numbers of their children.
-// It is stored in two collections of blocks, one of leaves and one of nodes
-// (tree_blocks.h), whose layout is drawn in btree_node.h. Two records are equal
-// when Less orders them neither way; a set holds no equal ones.
+// It is one tree of a store (tree_store.h), kept in two collections of blocks,
+// one of leaves and one of nodes, whose layout is drawn in btree_node.h. Two
+// records are equal when Less orders them neither way; a set holds no equal ones.
 //
-// Nothing is on disk for certain before commit(). A block that cannot be read
-// or written, or that fails its check, makes the tree invalid: a third outcome
-// beside "done" and "refused". An invalid tree answers nothing and writes
-// nothing any more; it has to be opened again.
+// Nothing is on disk for certain before the store's commit(). A block that
+// cannot be read or written, or that fails its check, makes the store invalid:
+// a third outcome beside "done" and "refused". The store's rollback() then leads
+// back to the last commit. Memory that runs out in the middle of an operation
+// makes the store invalid too, and std::bad_alloc is thrown.
 //
 // Not thread-safe: the index guards every tree with its collector mutex.
 // Tests: tests/unit/store/btree_test.cpp, tests/property/btree_property_test.cpp.
@@ -26,18 +27,16 @@
 template <typename Record, typename Less>
 class BTree {
  public:
-  // Opens or, for writing, creates the four files base_name + ".l.blk",
-  // ".l.stk", ".n.blk" and ".n.stk", the base cut to 126 characters. A tree is
-  // reopened with the size limits it was made with. A failure shows in
-  // is_valid() only; but throws std::bad_alloc when the memory of the caches
-  // cannot be had.
-  BTree(const std::string& base_name, AccessType access, const BTreeParams& params);
-  ~BTree();  // as commit(), then closes the files
+  // Tree number `tree` of the store, which must outlive this. A tree is
+  // reopened with the size limits it was made with. Throws std::bad_alloc when
+  // the memory of the caches cannot be had.
+  BTree(TreeStore* store, size_t tree);
+  ~BTree();  // commits the store
   BTree(const BTree&) = delete;
   BTree& operator=(const BTree&) = delete;
 
   // False after a failed opening, a failed check or an I/O error; every
-  // operation fails from then on.
+  // operation fails until a rollback.
   bool is_valid() const;
 
   bool insert(const Record& record);  // false: already there (nothing changed) or invalid
@@ -66,10 +65,6 @@ class BTree {
   uint64_t nextLeaf(uint64_t leaf);
   // Replaces `records` by those of a leaf, in order.
   bool readLeaf(uint64_t leaf, std::vector<Record>* records);
-
-  // Everything is written: blocks, stacks, headers. False and invalid on a
-  // failure. Without a change since the last commit nothing is written.
-  bool commit();
 
   // Walks every block and checks order, separators, fill, links, counts and the
   // free blocks. A breach is named in `problem` and makes the tree invalid.
@@ -100,6 +95,7 @@ class BTree {
   struct Audit;  // what verify() gathers
 
   bool equal(const Record& left, const Record& right) const;
+  bool follows(const LeafBlock& leaf, const LeafBlock& next);
   bool descend(const Record& record, Path* path);
   bool plant(const Record& record);
   bool insertIntoLeaf(const Step& step, const Record* records, size_t count, size_t first,
@@ -119,7 +115,6 @@ class BTree {
 
   TreeBlocks blocks_;
   const Less less_ = Less();
-  uint64_t leaves_scanned_ = 0;  // by nextLeaf() since the first leaf
 
   // Working memory, taken at opening, so that no operation runs out of it midway.
   std::vector<Accepted> accepted_;

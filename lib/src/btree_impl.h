@@ -16,9 +16,8 @@
 #pragma once
 
 template <typename Record, typename Less>
-BTree<Record, Less>::BTree(const std::string& base_name, AccessType access,
-                           const BTreeParams& params)
-    : blocks_(base_name, access, params, sizeof(Record), sizeof(Entry)) {
+BTree<Record, Less>::BTree(TreeStore* store, size_t tree)
+    : blocks_(store, tree, sizeof(Record), sizeof(Entry)) {
   if (!blocks_.valid()) return;
   accepted_.reserve(blocks_.maxEntries(0));
   records_.reserve(2 * size_t{blocks_.maxEntries(0)});
@@ -39,11 +38,6 @@ uint64_t BTree<Record, Less>::size() const {
 }
 
 template <typename Record, typename Less>
-bool BTree<Record, Less>::commit() {
-  return blocks_.commit();
-}
-
-template <typename Record, typename Less>
 bool BTree<Record, Less>::equal(const Record& left, const Record& right) const {
   return !less_(left, right) && !less_(right, left);
 }
@@ -51,8 +45,15 @@ bool BTree<Record, Less>::equal(const Record& left, const Record& right) const {
 // The contents of the blocks contradict each other.
 template <typename Record, typename Less>
 bool BTree<Record, Less>::breach() {
-  blocks_.invalidate();
+  blocks_.reportDamage();
   return false;
+}
+
+// Does the leaf `next` come after `leaf`? Links that run in a circle lead back to
+// records that do not ascend.
+template <typename Record, typename Less>
+bool BTree<Record, Less>::follows(const LeafBlock& leaf, const LeafBlock& next) {
+  return less_(leaf[leaf.count() - 1], next[0]) || breach();
 }
 
 // Finds the leaf where the record is or would be inserted. Not in an empty tree.
@@ -228,7 +229,7 @@ bool BTree<Record, Less>::splitNode(NodeBlock node, const Step& step, uint32_t l
 // The root was split; `entry` is its right half.
 template <typename Record, typename Less>
 bool BTree<Record, Less>::growRoot(const Entry& entry) {
-  TreeBlocks::State& state = blocks_.state();
+  TreeState& state = blocks_.state();
   if (state.height == TreeBlocks::kMaxHeight) return breach();
   NodeBlock root = blocks_.add(state.height);
   if (!root) return false;
@@ -241,7 +242,7 @@ bool BTree<Record, Less>::growRoot(const Entry& entry) {
 
 template <typename Record, typename Less>
 bool BTree<Record, Less>::erase(const Record& record) {
-  TreeBlocks::State& state = blocks_.state();
+  TreeState& state = blocks_.state();
   if (!blocks_.writable() || state.height == 0) return false;
   Path path;
   if (!descend(record, &path)) return false;
@@ -252,7 +253,9 @@ bool BTree<Record, Less>::erase(const Record& record) {
   if (place == leaf.count() || !equal(leaf[place], record)) return false;
   leaf.removeAt(place);
   --state.records;
-  if (leaf.count() == 0 && state.height == 1) {
+  const bool last_of_all = leaf.count() == 0 && state.height == 1;
+  if (last_of_all != (state.records == 0)) return breach();
+  if (last_of_all) {
     leaf = LeafBlock();
     const uint64_t root = state.root;
     state = {};
@@ -273,7 +276,7 @@ bool BTree<Record, Less>::eraseBatch(const Record* records, size_t count,
 // `block`, the leaf of the path, has fewer entries than it should.
 template <typename Record, typename Less>
 bool BTree<Record, Less>::refill(const Path& path, BlockRef block) {
-  TreeBlocks::State& state = blocks_.state();
+  TreeState& state = blocks_.state();
   for (uint32_t level = 0; level + 1 < state.height; ++level) {
     const Step& step = path.steps[level + 1];
     NodeBlock parent = blocks_.get(step.number, level + 1);
@@ -359,13 +362,10 @@ size_t BTree<Record, Less>::query(const Record& probe, Same same, Past past,
   if (!blocks_.valid() || blocks_.state().height == 0) return 0;
   Path path;
   if (!descend(probe, &path)) return 0;
-  uint64_t number = path.steps[0].number;
-  for (uint64_t visited = 0; number != 0; ++visited) {
-    const bool endless = visited == blocks_.collection(0).header().used_blocks;
-    const LeafBlock leaf = endless ? LeafBlock() : LeafBlock(blocks_.get(number, 0));
-    if (!leaf) {
+  LeafBlock leaf = blocks_.get(path.steps[0].number, 0);
+  for (bool whole = static_cast<bool>(leaf);;) {
+    if (!whole) {
       out->resize(before);  // half an answer is none
-      breach();
       return 0;
     }
     for (const Record* record = leaf.entries(); record != leaf.end(); ++record) {
@@ -375,16 +375,17 @@ size_t BTree<Record, Less>::query(const Record& probe, Same same, Past past,
         return out->size() - before;
       }
     }
-    number = leaf.link();
+    if (leaf.link() == 0) return out->size() - before;
+    LeafBlock next = blocks_.get(leaf.link(), 0);
+    whole = next && follows(leaf, next);
+    leaf = std::move(next);
   }
-  return out->size() - before;
 }
 
 template <typename Record, typename Less>
 uint64_t BTree<Record, Less>::nextLeaf(uint64_t leaf) {
   if (!blocks_.valid() || blocks_.state().height == 0) return 0;
   if (leaf == 0) {
-    leaves_scanned_ = 1;
     uint64_t number = blocks_.state().root;
     for (uint32_t level = blocks_.state().height - 1; level > 0; --level) {
       const NodeBlock node = blocks_.get(number, level);
@@ -395,11 +396,9 @@ uint64_t BTree<Record, Less>::nextLeaf(uint64_t leaf) {
   }
   const LeafBlock block = blocks_.get(leaf, 0);
   if (!block || block.link() == 0) return 0;
-  if (++leaves_scanned_ > blocks_.collection(0).header().used_blocks) {
-    breach();  // the links run in a circle
-    return 0;
-  }
-  return block.link();
+  const LeafBlock next = blocks_.get(block.link(), 0);
+  if (!next || !follows(block, next)) return 0;
+  return next.number();
 }
 
 template <typename Record, typename Less>
@@ -427,7 +426,7 @@ struct BTree<Record, Less>::Audit {
 
 template <typename Record, typename Less>
 bool BTree<Record, Less>::verify(std::string* problem) {
-  const TreeBlocks::State& state = blocks_.state();
+  const TreeState& state = blocks_.state();
   Audit audit;
   for (uint32_t level : {0u, 1u}) {
     audit.seen[level].resize(blocks_.collection(level).header().last_block);
@@ -441,7 +440,7 @@ bool BTree<Record, Less>::verify(std::string* problem) {
   sound = sound &&
           (audit.records == state.records || audit.fail("number of records is not", audit.records));
   sound = sound && auditCollection(0, &audit) && auditCollection(1, &audit);
-  if (!sound) breach();
+  if (!sound && blocks_.valid()) breach();  // what could not be read is no contradiction
   if (problem != nullptr) *problem = audit.problem;
   return sound;
 }

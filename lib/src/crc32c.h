@@ -9,3 +9,9 @@
 
 // Bytes that come in several pieces: pass on what the piece before gave.
 uint32_t crc32c(const void* data, size_t bytes, uint32_t before = 0);
+
+// The two ways to the same number; crc32c() takes the instruction where the
+// processor has it.
+uint32_t crc32cByTables(const void* data, size_t bytes, uint32_t before);
+bool hasCrc32cInstruction();
+uint32_t crc32cByInstruction(const void* data, size_t bytes, uint32_t before);

@@ -1,9 +1,10 @@
 // The store's log file: lines with the place in the source that wrote them.
 //
 // The file is made by the first line, in the current directory, under a name
-// of its own: "tpielog", six characters that make it unique, ".txt". A line that
-// cannot be written is lost; there is nobody to tell. Through tpie_log.h there
-// is one of them. Not thread-safe. Tests: tests/unit/store/logstream_test.cpp.
+// of its own: "tpielog", six characters that make it unique, ".txt". Nothing
+// that is there already is written to. A line that cannot be written is lost;
+// there is nobody to tell. Through tpie_log.h there is one of them. Not
+// thread-safe. Tests: tests/unit/store/logstream_test.cpp.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,5 @@
-// Names for files that nobody else uses.
+// Names for files that nobody else uses. Somebody may take a name before the
+// file is made: that is what OpenMode::kNew is for.
 // Tests: tests/unit/store/tpie_tempnam_test.cpp.
 #pragma once
 

@@ -1,14 +1,15 @@
 #include "tree_blocks.h"
 
 #include <algorithm>
+#include <cstring>
 #include <new>
+#include <utility>
 
 #include "tpie_log.h"
 
 namespace {
 
-constexpr size_t kMaxBaseName = 126;  // characters; the rest does not count
-constexpr uint32_t kLeast = 2;        // entries: what a split and a merge can work with
+constexpr uint32_t kLeast = 2;  // entries: what a split and a merge can work with
 
 // Splits leave at least half of a full block on either side, so no more may be
 // asked of a block.
@@ -16,67 +17,65 @@ uint32_t leastFill(uint32_t wanted, uint32_t max) {
   return wanted == 0 ? max / 2 : std::min(wanted, max / 2);
 }
 
+// What a node of any record type tells of its children (btree_node.h).
+uint64_t childOf(const BlockHead* node, uint32_t index, uint32_t entry_bytes) {
+  if (index == 0) return node->link;
+  uint64_t child;
+  const auto* const entries = reinterpret_cast<const unsigned char*>(node + 1);
+  std::memcpy(&child, entries + size_t{index} * entry_bytes - sizeof child, sizeof child);
+  return child;
+}
+
 }  // namespace
 
-TreeBlocks::TreeBlocks(const std::string& base_name, AccessType access, const BTreeParams& params,
-                       uint32_t leaf_entry_bytes, uint32_t node_entry_bytes)
-    : access_(access) {
-  if (!openFiles(base_name.substr(0, kMaxBaseName), params) ||
-      !setSizes(params, leaf_entry_bytes, node_entry_bytes)) {
+TreeBlocks::TreeBlocks(TreeStore* store, size_t tree, uint32_t leaf_entry_bytes,
+                       uint32_t node_entry_bytes)
+    : store_(store),
+      tree_(tree),
+      leaves_(store->files_of_[tree].leaves),
+      nodes_(store->files_of_[tree].nodes) {
+  // Until it has opened: a rollback must not bring back a tree without caches.
+  const bool store_opened = std::exchange(store_->opened_, false);
+  if (!valid() || !setSizes(leaf_entry_bytes, node_entry_bytes)) {
+    invalidate();
     return;
   }
+  const auto write_back = [store] { return store->writeBack(); };
   leaf_cache_.emplace(&leaves_,
                       BlockFormat{.kind = kLeafKind,
                                   .block_bytes = leaves_.blockBytes(),
                                   .entry_bytes = leaf_entry_bytes,
                                   .capacity = leaf_max_},
-                      params.leaf_cache_size);
+                      store->params_.leaf_cache_size, write_back);
   node_cache_.emplace(&nodes_,
                       BlockFormat{.kind = kNodeKind,
                                   .block_bytes = nodes_.blockBytes(),
                                   .entry_bytes = node_entry_bytes,
                                   .capacity = node_max_},
-                      params.node_cache_size);
-  const BlockFileHeader& header = leaves_.header();
-  state_ = {header.root, static_cast<uint32_t>(header.height), header.records};
-  transaction_ = header.transaction;
-  valid_ = true;
+                      store->params_.node_cache_size, write_back);
+  restoreState();
+  if (writable() && (leaves_.stackIsDamaged() || nodes_.stackIsDamaged()) && !rebuildStacks()) {
+    reportDamage();
+  }
+  if (!valid()) return;
+  store_->files_of_[tree].tree = this;
+  store_->opened_ = store_opened;
 }
 
-TreeBlocks::~TreeBlocks() { commit(); }
-
-bool TreeBlocks::openFiles(const std::string& base_name, const BTreeParams& params) {
-  const bool read_only = access_ == AccessType::kReadOnly;
-  using platform::OpenMode;
-  if (!leaves_.open(base_name + ".l", read_only ? OpenMode::kRead : OpenMode::kOwn,
-                    params.leaf_block_factor) ||
-      !nodes_.open(base_name + ".n", read_only ? OpenMode::kRead : OpenMode::kUpdate,
-                   params.node_block_factor)) {
-    return false;
+TreeBlocks::~TreeBlocks() {
+  TreeStore::TreeFiles& of = store_->files_of_[tree_];
+  if (of.tree != this) return;
+  try {
+    store_->commit();
+  } catch (...) {
+    store_->rollback();
   }
-  if (!headersAgree()) {
-    TPIE_LOG("headers of " + base_name + " do not belong together");
-    return false;
-  }
-  for (BlockCollection* fresh : {&leaves_, &nodes_}) {
-    if (fresh->isFresh() && !(fresh->writeStack() && fresh->writeHeader(0, 0, 0, 0))) return false;
-  }
-  return true;
+  of.tree = nullptr;
 }
 
-bool TreeBlocks::headersAgree() const {
-  const BlockFileHeader& leaf = leaves_.header();
-  const BlockFileHeader& node = nodes_.header();
-  const bool empty = leaf.height == 0;
-  return node.root == 0 && node.height == 0 && node.records == 0 &&
-         leaf.transaction == node.transaction && leaf.height <= kMaxHeight &&
-         (leaf.root == 0) == empty && (leaf.records == 0) == empty &&
-         (leaf.used_blocks == 0) == empty && (node.used_blocks == 0) == (leaf.height <= 1);
-}
-
-bool TreeBlocks::setSizes(const BTreeParams& params, uint32_t leaf_entry_bytes,
-                          uint32_t node_entry_bytes) {
+bool TreeBlocks::setSizes(uint32_t leaf_entry_bytes, uint32_t node_entry_bytes) {
   constexpr uint32_t kHeadBytes = sizeof(BlockHead);
+  const BTreeParams& params = store_->params_;
   leaf_max_ = (leaves_.blockBytes() - kHeadBytes) / leaf_entry_bytes;
   node_max_ = (nodes_.blockBytes() - kHeadBytes) / node_entry_bytes;
   if (leaf_max_ < kLeast || node_max_ < kLeast) return false;
@@ -85,6 +84,50 @@ bool TreeBlocks::setSizes(const BTreeParams& params, uint32_t leaf_entry_bytes,
   leaf_min_ = leastFill(params.leaf_size_min, leaf_max_);
   node_min_ = leastFill(params.node_size_min, node_max_);
   return true;
+}
+
+void TreeBlocks::restoreState() {
+  const BlockFileHeader& header = leaves_.header();
+  state_ = {header.root, static_cast<uint32_t>(header.height), header.records};
+}
+
+void TreeBlocks::forget() {
+  leaf_cache_->clear();
+  node_cache_->clear();
+}
+
+bool TreeBlocks::foundDamage() const {
+  return reported_damage_ || leaf_cache_->foundDamage() || node_cache_->foundDamage();
+}
+
+void TreeBlocks::reportDamage() {
+  reported_damage_ = true;
+  invalidate();
+}
+
+// Free is what cannot be reached from the root.
+bool TreeBlocks::rebuildStacks() {
+  std::vector<bool> used[2] = {std::vector<bool>(leaves_.header().last_block),
+                               std::vector<bool>(nodes_.header().last_block)};
+  std::vector<uint64_t> numbers;  // of the blocks of one level
+  if (state_.height > 0) numbers.push_back(state_.root);
+  for (uint32_t level = state_.height; level-- > 0;) {
+    std::vector<bool>& used_here = used[level == 0 ? 0 : 1];
+    std::vector<uint64_t> children;
+    for (const uint64_t number : numbers) {
+      if (number == 0 || number >= used_here.size() || used_here[number]) return false;
+      used_here[number] = true;
+      if (level == 0) continue;
+      const BlockRef node = get(number, level);
+      if (!node) return false;
+      for (uint32_t i = 0; i <= node.head()->count; ++i) {
+        children.push_back(childOf(node.head(), i, node_cache_->format().entry_bytes));
+      }
+    }
+    numbers = std::move(children);
+  }
+  TPIE_LOG("the stacks of free blocks are made anew");
+  return leaves_.rebuildStack(used[0]) && nodes_.rebuildStack(used[1]);
 }
 
 BlockRef TreeBlocks::get(uint64_t number, uint32_t level) {
@@ -100,29 +143,15 @@ BlockRef TreeBlocks::add(uint32_t level) {
 }
 
 bool TreeBlocks::drop(uint64_t number, uint32_t level) {
-  if (cache(level).discard(number) && files(level).release(number)) return true;
-  invalidate();
-  return false;
-}
-
-bool TreeBlocks::commit() {
-  if (!writable()) return valid_;
-  if (!leaf_cache_->changed() && !node_cache_->changed()) return true;
-  try {
-    valid_ = writeAll();
-  } catch (const std::bad_alloc&) {
-    valid_ = false;
+  if (files(level).header().used_blocks == 0 || !cache(level).discard(number)) {
+    reportDamage();
+    return false;
   }
-  return valid_;
-}
-
-// The order of a commit. The headers come last, because they are what makes the
-// rest belong to the tree, and the leaves' is the very last: it holds the root.
-bool TreeBlocks::writeAll() {
-  ++transaction_;
-  return leaf_cache_->flush() && node_cache_->flush() &&  //
-         leaves_.extend() && nodes_.extend() &&           //
-         leaves_.writeStack() && nodes_.writeStack() &&   //
-         nodes_.writeHeader(0, 0, 0, transaction_) &&
-         leaves_.writeHeader(state_.root, state_.height, state_.records, transaction_);
+  try {
+    files(level).release(number);
+  } catch (const std::bad_alloc&) {
+    invalidate();
+    throw;
+  }
+  return true;
 }

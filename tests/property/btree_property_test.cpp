@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "btree.h"
+#include "lone_tree.h"
 #include "documents.h"
 #include "fail_point.h"
 #include "set_tree.h"
@@ -83,7 +83,7 @@ class Trial {
  private:
   void open(AccessType access = AccessType::kReadWrite) {
     tree_.reset();
-    tree_ = std::make_unique<BTree<Record, Less>>("t", access, shape_.params);
+    tree_ = std::make_unique<LoneTree<Record, Less>>("t", access, shape_.params);
     ASSERT_TRUE(tree_->is_valid());
   }
 
@@ -186,7 +186,7 @@ class Trial {
   documents::Random random_;
   bool growing_ = true;
   SetTree<Record, Less> twin_;
-  std::unique_ptr<BTree<Record, Less>> tree_;
+  std::unique_ptr<LoneTree<Record, Less>> tree_;
 };
 
 BTreeParams params(uint32_t leaf_max, uint32_t node_max, uint32_t cache = 8) {

@@ -21,9 +21,23 @@ class BlockCacheTest : public testing::Test {
  protected:
   BlockCacheTest() {
     system_.setGranularity(kBlock);
-    EXPECT_TRUE(collection_.open("c", platform::OpenMode::kUpdate, 1));
+    EXPECT_TRUE(files_.open(0, "c.blk", platform::OpenMode::kUpdate));
+    EXPECT_TRUE(files_.open(1, "c.stk", platform::OpenMode::kUpdate));
+    EXPECT_TRUE(files_.recover(/*read_only=*/false));
+    EXPECT_TRUE(collection_.load(&files_, 0, 1, 1));
     EXPECT_TRUE(collection_.writeHeader(0, 0, 0, 0));
   }
+
+  // As a store does it, but for the journal.
+  class Cache : public BlockCache {
+   public:
+    Cache(BlockCollection* collection, const BlockFormat& format, uint32_t blocks)
+        : BlockCache(collection, format, blocks, [this] {
+            ++write_backs;
+            return flush();
+          }) {}
+    int write_backs = 0;
+  };
 
   // A new block of one entry, `value`.
   uint64_t make(BlockCache* cache, uint64_t value, uint32_t level = 0) {
@@ -44,16 +58,18 @@ class BlockCacheTest : public testing::Test {
 
   TempDir dir_;
   FailPoint system_;
+  JournalledFiles files_{"c"};
   BlockCollection collection_;
 };
 
-TEST_F(BlockCacheTest, TheBlockUsedLongestAgoMakesRoomAndIsWrittenWhenChanged) {
-  BlockCache cache(&collection_, kFormat, 8);
+TEST_F(BlockCacheTest, AChangedBlockThatMakesRoomTakesAllChangedOnesToDiskWithIt) {
+  Cache cache(&collection_, kFormat, 8);
   for (uint64_t value = 1; value <= 8; ++value) make(&cache, value * 10);
   EXPECT_TRUE(cache.get(1, 0));  // the second is now the one used longest ago
   system_.fail(Call::kWrite, 0);
   make(&cache, 90);
-  EXPECT_EQ(1, system_.count());
+  EXPECT_EQ(1, cache.write_backs);
+  EXPECT_EQ(8, system_.count());
   system_.fail(Call::kRead, 0);
   EXPECT_EQ(10u, valueOf(cache.get(1, 0)));
   EXPECT_EQ(0, system_.count());
@@ -62,7 +78,7 @@ TEST_F(BlockCacheTest, TheBlockUsedLongestAgoMakesRoomAndIsWrittenWhenChanged) {
 }
 
 TEST_F(BlockCacheTest, AnUnchangedBlockIsNotWrittenWhenItLeaves) {
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   for (uint64_t value = 1; value <= 9; ++value) make(&cache, value);
   ASSERT_TRUE(cache.flush());
   system_.fail(Call::kWrite, 0);
@@ -71,7 +87,7 @@ TEST_F(BlockCacheTest, AnUnchangedBlockIsNotWrittenWhenItLeaves) {
 }
 
 TEST_F(BlockCacheTest, ABlockThatIsHeldStaysWhereItIs) {
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   const uint64_t number = make(&cache, 7);
   const BlockRef held = cache.get(number, 0);
   for (uint64_t value = 1; value <= 20; ++value) make(&cache, value);
@@ -81,7 +97,7 @@ TEST_F(BlockCacheTest, ABlockThatIsHeldStaysWhereItIs) {
 }
 
 TEST_F(BlockCacheTest, WithAllPlacesOfASetHeldThereIsNoRoom) {
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   std::vector<BlockRef> held;
   for (uint64_t value = 1; value <= 8; ++value) held.push_back(cache.get(make(&cache, value), 0));
   EXPECT_FALSE(cache.create(collection_.allocate(), 0));
@@ -90,7 +106,7 @@ TEST_F(BlockCacheTest, WithAllPlacesOfASetHeldThereIsNoRoom) {
 }
 
 TEST_F(BlockCacheTest, BlocksOfDifferentSetsDoNotPushEachOtherOut) {
-  BlockCache cache(&collection_, kFormat, 9);  // two sets
+  Cache cache(&collection_, kFormat, 9);  // two sets
   for (uint64_t value = 1; value <= 16; ++value) make(&cache, value);
   system_.failAny({Call::kWrite, Call::kRead}, 0);
   for (uint64_t number = 1; number <= 16; ++number) EXPECT_TRUE(cache.get(number, 0));
@@ -98,7 +114,7 @@ TEST_F(BlockCacheTest, BlocksOfDifferentSetsDoNotPushEachOtherOut) {
 }
 
 TEST_F(BlockCacheTest, AHandleThatMovesOnLetsGoOfItsBlock) {
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   BlockRef block = cache.get(make(&cache, 1), 0);
   block = cache.get(make(&cache, 2), 0);
   EXPECT_TRUE(cache.discard(1));
@@ -111,7 +127,7 @@ TEST_F(BlockCacheTest, AHandleThatMovesOnLetsGoOfItsBlock) {
 }
 
 TEST_F(BlockCacheTest, AWrittenBlockIsZeroBehindItsEntriesAndBearsItsCheckSum) {
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   const uint64_t number = make(&cache, 0x0102030405060708);
   {
     BlockRef block = cache.get(number, 0);
@@ -129,7 +145,7 @@ TEST_F(BlockCacheTest, AWrittenBlockIsZeroBehindItsEntriesAndBearsItsCheckSum) {
 }
 
 TEST_F(BlockCacheTest, FlushWritesChangedBlocksInTheOrderOfTheFileAndOnlyOnce) {
-  BlockCache cache(&collection_, kFormat, 16);
+  Cache cache(&collection_, kFormat, 16);
   for (uint64_t value = 1; value <= 16; ++value) make(&cache, value);
   EXPECT_TRUE(cache.changed());
   system_.fail(Call::kWrite, 0);
@@ -141,7 +157,7 @@ TEST_F(BlockCacheTest, FlushWritesChangedBlocksInTheOrderOfTheFileAndOnlyOnce) {
 }
 
 TEST_F(BlockCacheTest, ADiscardedBlockIsNotWrittenAndItsNumberCanBeUsedAnew) {
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   const uint64_t number = make(&cache, 1);
   ASSERT_TRUE(cache.discard(number));
   system_.fail(Call::kWrite, 0);
@@ -155,13 +171,13 @@ TEST_F(BlockCacheTest, ADiscardedBlockIsNotWrittenAndItsNumberCanBeUsedAnew) {
 TEST_F(BlockCacheTest, ABlockOfAnotherLevelIsRefusedFromMemoryAndFromDisk) {
   uint64_t number = 0;
   {
-    BlockCache cache(&collection_, kFormat, 8);
+    Cache cache(&collection_, kFormat, 8);
     number = make(&cache, 1, /*level=*/2);
     ASSERT_TRUE(cache.flush());
     EXPECT_TRUE(cache.get(number, 2));
     EXPECT_FALSE(cache.get(number, 1));
   }
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   EXPECT_FALSE(cache.get(number, 1));
   EXPECT_TRUE(cache.get(number, 2));
 }
@@ -169,7 +185,7 @@ TEST_F(BlockCacheTest, ABlockOfAnotherLevelIsRefusedFromMemoryAndFromDisk) {
 TEST_F(BlockCacheTest, EveryFlippedBitOfHeadAndEntriesIsNoticed) {
   uint64_t number = 0;
   {
-    BlockCache cache(&collection_, kFormat, 8);
+    Cache cache(&collection_, kFormat, 8);
     number = make(&cache, 77);
     ASSERT_TRUE(cache.flush());
   }
@@ -179,17 +195,18 @@ TEST_F(BlockCacheTest, EveryFlippedBitOfHeadAndEntriesIsNoticed) {
     const size_t at = number * kBlock + bit / 8;
     bad[at] = static_cast<char>(bad[at] ^ 1 << bit % 8);
     overwrite("c.blk", bad);
-    BlockCache cache(&collection_, kFormat, 8);
+    Cache cache(&collection_, kFormat, 8);
     ASSERT_FALSE(cache.get(number, 0)) << "bit " << bit;
+    ASSERT_TRUE(cache.foundDamage());
   }
   dir_.write("c.blk", good);
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   EXPECT_TRUE(cache.get(number, 0));
 }
 
 TEST_F(BlockCacheTest, ABlockInThePlaceOfAnotherIsRefused) {
   {
-    BlockCache cache(&collection_, kFormat, 8);
+    Cache cache(&collection_, kFormat, 8);
     make(&cache, 1);
     make(&cache, 2);
     ASSERT_TRUE(cache.flush());
@@ -197,16 +214,17 @@ TEST_F(BlockCacheTest, ABlockInThePlaceOfAnotherIsRefused) {
   std::string file = dir_.read("c.blk");
   file.replace(1 * kBlock, kBlock, onDisk(2));
   dir_.write("c.blk", file);
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   EXPECT_FALSE(cache.get(1, 0));
   EXPECT_TRUE(cache.get(2, 0));
 }
 
 TEST_F(BlockCacheTest, FailedReadsAndWritesGiveNoBlock) {
-  BlockCache cache(&collection_, kFormat, 8);
+  Cache cache(&collection_, kFormat, 8);
   for (uint64_t value = 1; value <= 8; ++value) make(&cache, value);
   system_.fail(Call::kWrite, 1);
   EXPECT_FALSE(cache.create(collection_.allocate(), 0));
+  EXPECT_FALSE(cache.foundDamage());
   system_.fail(Call::kWrite, 1);
   EXPECT_FALSE(cache.flush());
   system_.fail(Call::kWrite, 0);
@@ -219,7 +237,7 @@ TEST_F(BlockCacheTest, FailedReadsAndWritesGiveNoBlock) {
 TEST_F(BlockCacheTest, ItsMemoryIsRegisteredForAsLongAsItLives) {
   const size_t before = MM_register_base::instance().memory_used();
   {
-    BlockCache cache(&collection_, kFormat, 17);
+    Cache cache(&collection_, kFormat, 17);
     EXPECT_EQ(before + 24 * kBlock, MM_register_base::instance().memory_used());
   }
   EXPECT_EQ(before, MM_register_base::instance().memory_used());
@@ -229,11 +247,11 @@ TEST_F(BlockCacheTest, MemoryThatCannotBeHadThrowsAndIsNotRegistered) {
   MM_register_base& memory = MM_register_base::instance();
   const size_t before = memory.memory_used();
   system_.fail(Call::kAllocate, 1);
-  EXPECT_THROW(BlockCache(&collection_, kFormat, 8), std::bad_alloc);
+  EXPECT_THROW(Cache(&collection_, kFormat, 8), std::bad_alloc);
   EXPECT_EQ(before, memory.memory_used());
 
   memory.set_memory_limit(before + 8 * kBlock - 1);
-  EXPECT_THROW(BlockCache(&collection_, kFormat, 8), std::bad_alloc);
+  EXPECT_THROW(Cache(&collection_, kFormat, 8), std::bad_alloc);
   memory.set_memory_limit(0);
   EXPECT_EQ(before, memory.memory_used());
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 #include "fail_point.h"
 #include "little_endian.h"
 #include "store_records.h"
@@ -20,24 +22,48 @@ class BlockCollectionTest : public testing::Test {
 
   static std::string block(char fill) { return std::string(kBlock, fill); }
 
-  static bool commit(BlockCollection* collection) {
-    return collection->extend() && collection->writeStack() && collection->writeHeader(0, 0, 0, 0);
-  }
+  // A collection and the files that it lies in.
+  class Collection : public BlockCollection {
+   public:
+    bool open(OpenMode mode, uint32_t block_factor) {
+      files_.emplace("c");
+      return files_->open(0, "c.blk", mode) &&
+             files_->open(1, "c.stk", mode == OpenMode::kRead ? mode : OpenMode::kUpdate) &&
+             files_->recover(mode == OpenMode::kRead) && load(&*files_, 0, 1, block_factor);
+    }
+    bool commit() {
+      reserveBatch();
+      if (!saveStackAndHeader() || !files_->barrier() || !extend() || !writeStack() ||
+          !writeHeader(0, 0, 0, 0) || !files_->commit()) {
+        return false;
+      }
+      beginBatch();
+      return true;
+    }
+
+   private:
+    std::optional<JournalledFiles> files_;
+  };
 
   // Four blocks 'a' to 'd', of which `freed` are given back in that order.
   void makeFiles(const std::vector<uint64_t>& freed) {
-    BlockCollection made;
-    ASSERT_TRUE(made.open("c", OpenMode::kUpdate, 1));
+    Collection made;
+    ASSERT_TRUE(made.open(OpenMode::kUpdate, 1));
     for (char fill = 'a'; fill <= 'd'; ++fill) {
       ASSERT_TRUE(made.write(made.allocate(), block(fill).data()));
     }
-    for (const uint64_t number : freed) ASSERT_TRUE(made.release(number));
-    ASSERT_TRUE(commit(&made));
+    for (const uint64_t number : freed) made.release(number);
+    ASSERT_TRUE(made.commit());
+  }
+
+  bool isWhole() {
+    Collection collection;
+    return collection.open(OpenMode::kUpdate, 1) && !collection.stackIsDamaged();
   }
 
   bool opens(OpenMode mode = OpenMode::kUpdate, uint32_t factor = 1) {
-    BlockCollection collection;
-    return collection.open("c", mode, factor);
+    Collection collection;
+    return collection.open(mode, factor);
   }
 
   TempDir dir_;
@@ -45,8 +71,8 @@ class BlockCollectionTest : public testing::Test {
 };
 
 TEST_F(BlockCollectionTest, OpeningForWritingMakesBothFilesEmpty) {
-  BlockCollection collection;
-  ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 1));
+  Collection collection;
+  ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
   EXPECT_TRUE(collection.isFresh());
   EXPECT_EQ("", dir_.read("c.blk"));
   EXPECT_EQ("", dir_.read("c.stk"));
@@ -54,9 +80,9 @@ TEST_F(BlockCollectionTest, OpeningForWritingMakesBothFilesEmpty) {
 
 TEST_F(BlockCollectionTest, AFreshHeaderFillsOneOperatingSystemBlockWithZerosBehindIt) {
   {
-    BlockCollection collection;
-    ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 3));
-    ASSERT_TRUE(commit(&collection));
+    Collection collection;
+    ASSERT_TRUE(collection.open(OpenMode::kUpdate, 3));
+    ASSERT_TRUE(collection.commit());
     EXPECT_FALSE(collection.isFresh());
   }
   const std::string file = dir_.read("c.blk");
@@ -73,12 +99,12 @@ TEST_F(BlockCollectionTest, AFreshHeaderFillsOneOperatingSystemBlockWithZerosBeh
 
 TEST_F(BlockCollectionTest, BlockKLiesOneSystemBlockAndKMinusOneLogicalBlocksFromTheStart) {
   {
-    BlockCollection collection;
-    ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 2));
+    Collection collection;
+    ASSERT_TRUE(collection.open(OpenMode::kUpdate, 2));
     EXPECT_EQ(1u, collection.allocate());
     EXPECT_EQ(2u, collection.allocate());
     ASSERT_TRUE(collection.write(2, (block('x') + block('y')).data()));
-    ASSERT_TRUE(commit(&collection));
+    ASSERT_TRUE(collection.commit());
   }
   const std::string file = dir_.read("c.blk");
   ASSERT_EQ(5 * kBlock, file.size());
@@ -87,8 +113,8 @@ TEST_F(BlockCollectionTest, BlockKLiesOneSystemBlockAndKMinusOneLogicalBlocksFro
 
 TEST_F(BlockCollectionTest, ReopeningGivesBackBlocksAndCounters) {
   makeFiles({});
-  BlockCollection collection;
-  ASSERT_TRUE(collection.open("c", OpenMode::kRead, 1));
+  Collection collection;
+  ASSERT_TRUE(collection.open(OpenMode::kRead, 1));
   EXPECT_FALSE(collection.isFresh());
   EXPECT_EQ(4u, collection.header().used_blocks);
   std::string content(kBlock, '\0');
@@ -100,8 +126,8 @@ TEST_F(BlockCollectionTest, ReopeningGivesBackBlocksAndCounters) {
 
 TEST_F(BlockCollectionTest, FreedBlocksAreReusedLastFreedFirstBeforeTheFileGrows) {
   makeFiles({2, 4, 1});
-  BlockCollection collection;
-  ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 1));
+  Collection collection;
+  ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
   EXPECT_EQ(1u, collection.header().used_blocks);
   EXPECT_EQ(1u, collection.allocate());
   EXPECT_EQ(4u, collection.allocate());
@@ -121,21 +147,21 @@ TEST_F(BlockCollectionTest, TheStackFileHoldsCountAndNumbersAndEndsWithTheStack)
   EXPECT_EQ(4u, loadLittle64(bytes + 24));
   EXPECT_EQ(1u, loadLittle64(bytes + 32));
 
-  BlockCollection collection;
-  ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 1));
+  Collection collection;
+  ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
   collection.allocate();
-  ASSERT_TRUE(commit(&collection));
+  ASSERT_TRUE(collection.commit());
   EXPECT_EQ(16u + 2 * 8, dir_.read("c.stk").size());
   collection.allocate();
   collection.allocate();
-  ASSERT_TRUE(commit(&collection));
+  ASSERT_TRUE(collection.commit());
   EXPECT_EQ("", dir_.read("c.stk"));
 }
 
 TEST_F(BlockCollectionTest, AnUnchangedStackIsNotWritten) {
   makeFiles({2});
-  BlockCollection collection;
-  ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 1));
+  Collection collection;
+  ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
   system_.failAny({Call::kWrite, Call::kTruncate}, 0);
   ASSERT_TRUE(collection.writeStack());
   EXPECT_EQ(0, system_.count());
@@ -143,10 +169,10 @@ TEST_F(BlockCollectionTest, AnUnchangedStackIsNotWritten) {
 
 TEST_F(BlockCollectionTest, ABlockFreedBeforeItWasWrittenStillCountsInTheFilesLength) {
   {
-    BlockCollection collection;
-    ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 1));
-    ASSERT_TRUE(collection.release(collection.allocate()));
-    ASSERT_TRUE(commit(&collection));
+    Collection collection;
+    ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
+    collection.release(collection.allocate());
+    ASSERT_TRUE(collection.commit());
   }
   EXPECT_EQ(2 * kBlock, dir_.read("c.blk").size());
   EXPECT_TRUE(opens());
@@ -155,20 +181,24 @@ TEST_F(BlockCollectionTest, ABlockFreedBeforeItWasWrittenStillCountsInTheFilesLe
 TEST_F(BlockCollectionTest, AZeroLengthBlockFileCountsAsAbsentAndALeftOverStackIsCut) {
   makeFiles({2, 3});
   dir_.write("c.blk", "");
-  BlockCollection collection;
-  ASSERT_TRUE(collection.open("c", OpenMode::kUpdate, 1));
+  Collection collection;
+  ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
   EXPECT_TRUE(collection.isFresh());
   EXPECT_EQ(1u, collection.allocate());
-  ASSERT_TRUE(commit(&collection));
+  ASSERT_TRUE(collection.commit());
   EXPECT_EQ("", dir_.read("c.stk"));
 }
 
-TEST_F(BlockCollectionTest, ReadingOnlyNeedsBothFilesAndAHeader) {
+TEST_F(BlockCollectionTest, ReadingOnlyNeedsBothFilesAndFindsAnEmptyOneFresh) {
   EXPECT_FALSE(opens(OpenMode::kRead));
   EXPECT_FALSE(dir_.exists("c.blk"));
   dir_.write("c.blk", "");
   dir_.write("c.stk", "");
-  EXPECT_FALSE(opens(OpenMode::kRead));
+  {
+    Collection empty;
+    ASSERT_TRUE(empty.open(OpenMode::kRead, 1));
+    EXPECT_TRUE(empty.isFresh());
+  }
   makeFiles({});
   EXPECT_TRUE(opens(OpenMode::kRead));
   std::filesystem::remove("c.stk");
@@ -178,10 +208,10 @@ TEST_F(BlockCollectionTest, ReadingOnlyNeedsBothFilesAndAHeader) {
 TEST_F(BlockCollectionTest, TheStackIsReadOnlyWhenTheHeaderShowsFreedBlocks) {
   makeFiles({});
   dir_.write("c.stk", "of no interest");
-  EXPECT_TRUE(opens());
+  EXPECT_TRUE(isWhole());
   makeFiles({1});  // reopened, grown and freed once
   dir_.write("c.stk", "of interest now");
-  EXPECT_FALSE(opens());
+  EXPECT_FALSE(isWhole());
 }
 
 TEST_F(BlockCollectionTest, EveryFlippedBitOfTheStackIsNoticed) {
@@ -191,14 +221,34 @@ TEST_F(BlockCollectionTest, EveryFlippedBitOfTheStackIsNoticed) {
     std::string bad = good;
     bad[bit / 8] = static_cast<char>(bad[bit / 8] ^ 1 << bit % 8);
     overwrite("c.stk", bad);
-    ASSERT_FALSE(opens()) << "bit " << bit;
+    ASSERT_FALSE(isWhole()) << "bit " << bit;
   }
   dir_.write("c.stk", good + '\0');
-  EXPECT_FALSE(opens());
+  EXPECT_FALSE(isWhole());
   dir_.write("c.stk", good.substr(0, good.size() - 1));
-  EXPECT_FALSE(opens());
+  EXPECT_FALSE(isWhole());
   dir_.write("c.stk", good);
-  EXPECT_TRUE(opens());
+  EXPECT_TRUE(isWhole());
+}
+
+TEST_F(BlockCollectionTest, AStackMadeAnewHoldsWhatIsNotUsedTheLowestOnTop) {
+  makeFiles({3, 1});
+  dir_.write("c.stk", "damaged");
+  {
+    Collection collection;
+    ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
+    ASSERT_TRUE(collection.stackIsDamaged());
+    EXPECT_FALSE(collection.rebuildStack({false, true, true, false, true})) << "three are used";
+    ASSERT_TRUE(collection.rebuildStack({false, false, true, false, true}));
+    EXPECT_FALSE(collection.stackIsDamaged());
+    ASSERT_TRUE(collection.commit());
+  }
+  Collection collection;
+  ASSERT_TRUE(collection.open(OpenMode::kUpdate, 1));
+  EXPECT_FALSE(collection.stackIsDamaged());
+  EXPECT_EQ(1u, collection.allocate());
+  EXPECT_EQ(3u, collection.allocate());
+  EXPECT_EQ(5u, collection.allocate());
 }
 
 TEST_F(BlockCollectionTest, AFileThatIsNotAsLongAsItsHeaderSaysIsRefused) {
@@ -224,8 +274,8 @@ TEST_F(BlockCollectionTest, OtherBlockSizesAreRefused) {
 }
 
 TEST_F(BlockCollectionTest, TheOwnerKeepsEveryOtherOwnerOut) {
-  BlockCollection owner;
-  ASSERT_TRUE(owner.open("c", OpenMode::kOwn, 1));
+  Collection owner;
+  ASSERT_TRUE(owner.open(OpenMode::kOwn, 1));
   EXPECT_FALSE(opens(OpenMode::kOwn));
 }
 

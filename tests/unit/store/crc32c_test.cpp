@@ -32,7 +32,11 @@ TEST(Crc32c, EveryLengthAndAlignmentGivesWhatOneBitAStepGives) {
   const std::string bytes = documents::bytes(100, 5);
   for (size_t begin = 0; begin < 9; ++begin) {
     for (size_t length = 0; begin + length <= bytes.size(); ++length) {
-      ASSERT_EQ(slowCrc(bytes.substr(begin, length)), crc32c(bytes.data() + begin, length));
+      const uint32_t expected = slowCrc(bytes.substr(begin, length));
+      ASSERT_EQ(expected, crc32c(bytes.data() + begin, length));
+      ASSERT_EQ(expected, crc32cByTables(bytes.data() + begin, length, 0));
+      if (!hasCrc32cInstruction()) continue;
+      ASSERT_EQ(expected, crc32cByInstruction(bytes.data() + begin, length, 0));
     }
   }
 }

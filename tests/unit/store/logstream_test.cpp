@@ -4,6 +4,8 @@
 
 #include <filesystem>
 #include <regex>
+#include <set>
+#include <string>
 
 #include "fail_point.h"
 #include "temp_dir.h"
@@ -34,13 +36,31 @@ TEST(Logstream, AFileThatCannotBeOpenedLosesTheLineAndIsTriedAgain) {
   TempDir dir;
   FailPoint system;
   logstream log;
-  system.fail(Call::kOpen, 1);
+  system.fail(Call::kOpen, 1, /*lasting=*/true);
   log.write("some.cpp", 1, "lost");
   EXPECT_EQ("", log.path());
+  EXPECT_EQ(100, system.count());  // names tried
+  system.fail(Call::kOpen, 0);
   log.write("some.cpp", 2, "kept");
   const std::string path = log.path();
   log.close();
   EXPECT_EQ("some.cpp line 2: kept\n", dir.read(path));
+}
+
+// Logs that are opened within a second are offered the same names.
+TEST(Logstream, NeverWritesToAFileThatIsThereAlready) {
+  TempDir dir;
+  std::set<std::string> paths;
+  for (int i = 0; i < 20; ++i) {
+    logstream log;
+    log.write("some.cpp", i, "mine");
+    paths.insert(log.path());
+  }
+  EXPECT_EQ(20u, paths.size());
+  EXPECT_EQ(20u, filesHere());
+  std::set<std::string> contents;
+  for (const std::string& path : paths) contents.insert(dir.read(path));
+  EXPECT_EQ(20u, contents.size());
 }
 
 TEST(Logstream, WithoutANameThereIsNoFile) {

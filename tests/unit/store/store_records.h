@@ -12,6 +12,7 @@
 
 #include "bte_stream_base.h"
 #include "btree.h"
+#include "lone_tree.h"
 #include "signature.h"
 #include "temp_dir.h"
 
@@ -26,7 +27,7 @@ struct NumberLess {
   }
 };
 
-using NumberTree = BTree<Number, NumberLess>;
+using NumberTree = LoneTree<Number, NumberLess>;
 
 struct Posting {
   int32_t fid;
@@ -43,7 +44,7 @@ struct PostingLess {
   }
 };
 
-using PostingTree = BTree<Posting, PostingLess>;
+using PostingTree = LoneTree<Posting, PostingLess>;
 
 // Leaves and nodes of at most so many entries, in the smallest caches.
 inline BTreeParams smallTree(uint32_t leaf_max, uint32_t node_max) {

@@ -54,6 +54,17 @@ TEST(TemporaryName, MayHave511CharactersAndNoMore) {
   EXPECT_EQ("", tpie_tempnam("b"));
 }
 
+TEST(TemporaryName, ADirectoryOf500CharactersIsTakenWhole) {
+  FailPoint system;
+  const std::string directory(500, 'd');
+  system.setEnvironment("AMI_SINGLE_DEVICE", nullptr);
+  system.setEnvironment("TMPDIR", directory.c_str());
+  const std::string name = tpie_tempnam("b");
+  EXPECT_EQ(500u + 9, name.size());
+  EXPECT_TRUE(name.starts_with(in(directory) + "b_"));
+  EXPECT_EQ("", tpie_tempnam("base"));
+}
+
 TEST(TemporaryName, AFreeNameThatCannotBeFoundIsNoName) {
   FailPoint system;
   system.fail(Call::kToNativePath, 1, /*lasting=*/true);

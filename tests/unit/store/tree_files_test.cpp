@@ -135,23 +135,23 @@ TEST_F(TreeFiles, TheTreesHeaderIsInTheLeavesFileOnly) {
   EXPECT_EQ(0u, node.records);
 }
 
-TEST_F(TreeFiles, EachCommitThatChangedSomethingRaisesTheTransactionOfBothFiles) {
+TEST_F(TreeFiles, TheOpeningOfFreshFilesAndEachCommitThatChangedSomethingRaiseTheTransactionOfBothFiles) {
   NumberTree tree("t", AccessType::kReadWrite, params());
   const auto transactions = [this] {
     return std::pair(headerOnDisk(dir_, "t.l.blk").transaction,
                      headerOnDisk(dir_, "t.n.blk").transaction);
   };
-  EXPECT_EQ(std::pair(uint64_t{0}, uint64_t{0}), transactions());
+  EXPECT_EQ(std::pair(uint64_t{1}, uint64_t{1}), transactions());
   ASSERT_TRUE(tree.insert({1}));
   ASSERT_TRUE(tree.commit());
-  EXPECT_EQ(std::pair(uint64_t{1}, uint64_t{1}), transactions());
+  EXPECT_EQ(std::pair(uint64_t{2}, uint64_t{2}), transactions());
   system_.failAny({Call::kWrite, Call::kTruncate}, 0);
   EXPECT_FALSE(tree.insert({1}));
   ASSERT_TRUE(tree.commit());
   EXPECT_EQ(0, system_.count());
   ASSERT_TRUE(tree.erase({1}));
   ASSERT_TRUE(tree.commit());
-  EXPECT_EQ(std::pair(uint64_t{2}, uint64_t{2}), transactions());
+  EXPECT_EQ(std::pair(uint64_t{3}, uint64_t{3}), transactions());
 }
 
 TEST_F(TreeFiles, WhatWasCommittedIsThereForAReaderWhileTheTreeIsOpen) {
@@ -330,9 +330,9 @@ TEST_F(TreeFiles, EveryFlippedBitInUsedBytesIsDetected) {
   EXPECT_TRUE(isGood());
 }
 
-TEST_F(TreeFiles, ATruncatedFileMakesTheTreeInvalid) {
+TEST_F(TreeFiles, ATruncatedBlockFileMakesTheTreeInvalid) {
   make();
-  for (const std::string& name : kFiles) {
+  for (const std::string name : {"t.l.blk", "t.n.blk"}) {
     const std::string good = dir_.read(name);
     for (size_t length = 0; length < good.size(); length += std::max<size_t>(1, good.size() / 97)) {
       overwrite(name, good.substr(0, length));
@@ -342,6 +342,40 @@ TEST_F(TreeFiles, ATruncatedFileMakesTheTreeInvalid) {
     overwrite(name, good);
   }
   EXPECT_TRUE(isGood());
+}
+
+TEST_F(TreeFiles, ADamagedStackOfFreeBlocksIsMadeAnewFromTheBlocksInUse) {
+  make();
+  for (const std::string name : {"t.l.stk", "t.n.stk"}) {
+    const std::string good = dir_.read(name);
+    ASSERT_GT(good.size(), 16u);
+    std::string flipped = good;
+    flipped[20] = static_cast<char>(flipped[20] ^ 1);
+    for (const std::string& bad : {std::string(), good.substr(0, good.size() - 1), flipped}) {
+      overwrite(name, bad);
+      ASSERT_FALSE(isGood()) << "whoever only reads is told";
+      {
+        NumberTree tree("t", AccessType::kReadWrite, params());
+        ASSERT_TRUE(isSound(&tree)) << name;
+        ASSERT_EQ(madeRecords(), scan(&tree));
+        ASSERT_TRUE(tree.insert({1000}));
+        ASSERT_TRUE(tree.erase({1000}));
+      }
+      ASSERT_TRUE(isGood()) << name;
+    }
+  }
+}
+
+TEST_F(TreeFiles, AStackIsNotMadeAnewWhenTheBlocksInUseAreNotAsManyAsTheHeaderSays) {
+  make();
+  const BlockFileHeader header = headerOnDisk(dir_, "t.l.blk");
+  BlockFileHeader other = header;
+  ++other.used_blocks;
+  std::string file = dir_.read("t.l.blk");
+  const BlockFileHeaderBytes bytes = encodeBlockFileHeader(other);
+  file.replace(0, bytes.size(), reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  overwrite("t.l.blk", file);
+  EXPECT_FALSE(opens(AccessType::kReadWrite));
 }
 
 TEST_F(TreeFiles, AFileCutWhileTheTreeIsOpenMakesItInvalid) {
@@ -524,7 +558,7 @@ INSTANTIATE_TEST_SUITE_P(Calls, FailingDisk,
                          testing::Values(Call::kOpen, Call::kSeek, Call::kRead, Call::kWrite,
                                          Call::kSize, Call::kTruncate));
 
-TEST_F(TreeFiles, AfterAFailureNothingIsWrittenAnyMore) {
+TEST_F(TreeFiles, AfterAFailureNothingIsWrittenUntilARollback) {
   make();
   NumberTree tree("t", AccessType::kReadWrite, params());
   for (const Number& record : numbers(200, 220)) ASSERT_TRUE(tree.insert(record));
@@ -543,7 +577,7 @@ TEST_F(TreeFiles, TheDestructorCommits) {
     NumberTree tree("t", AccessType::kReadWrite, params());
     ASSERT_TRUE(tree.insert({1}));
   }
-  EXPECT_EQ(1u, headerOnDisk(dir_, "t.l.blk").transaction);
+  EXPECT_EQ(2u, headerOnDisk(dir_, "t.l.blk").transaction);
   NumberTree tree("t", AccessType::kReadOnly, params());
   EXPECT_EQ(numbers(1, 2), scan(&tree));
 }
