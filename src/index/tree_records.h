@@ -13,6 +13,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "btree.h"
 #include "signature.h"
@@ -74,3 +76,12 @@ extern template class BTree<SigFidRecord, SigFidLess>;
 using FidSigTree = BTree<FidSigRecord, FidSigLess>;
 using SrcFidTree = BTree<SrcFidRecord, SrcFidLess>;
 using SigFidTree = BTree<SigFidRecord, SigFidLess>;
+
+// What the names of the trees end in, in the order of their numbers in a store.
+inline constexpr char kFidSigSuffix[] = ".fidt";
+inline constexpr char kSrcFidSuffix[] = ".sidt";
+inline constexpr char kSigFidSuffix[] = ".sigt";
+
+inline std::vector<std::string> treeSuffixes() {
+  return {kFidSigSuffix, kSrcFidSuffix, kSigFidSuffix};
+}

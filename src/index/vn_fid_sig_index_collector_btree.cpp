@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "log.h"
 #include "mm_register.h"
@@ -71,11 +72,10 @@ class TreeBatch {
   std::vector<bool> duplicated_;  // by place
 };
 
-// -4 when the tree's memory cannot be had, -5 when its files cannot.
 template <typename Tree>
-int openTree(const std::string& base_name, const BTreeParams& params, std::unique_ptr<Tree>* tree) {
+int openTree(TreeStore* store, size_t number, std::unique_ptr<Tree>* tree) {
   try {
-    *tree = std::make_unique<Tree>(base_name, AccessType::kReadWrite, params);
+    *tree = std::make_unique<Tree>(store, number);
   } catch (const std::bad_alloc&) {
     return kErrMem;
   }
@@ -145,15 +145,22 @@ int FidSigIndexCollector::gen_btree() {
                               .node_cache_size = 64};
   MM_register_base::instance().set_memory_limit(0);  // no limit
 
-  const std::string base_name = index_dir_ + fid_index_name_;
-  int status = openTree(base_name + ".fidt", params, &fid_sig_tree_);
+  try {
+    store_ = std::make_unique<TreeStore>(index_dir_ + fid_index_name_, treeSuffixes(),
+                                         AccessType::kReadWrite, params);
+  } catch (const std::bad_alloc&) {
+    LOG_ERROR("no mem for pFid_sig_tree");  // the store is what the first tree begins with
+    return kErrMem;
+  }
+  if (!store_->valid() && !store_->rollback()) return kErrFile;
+  int status = openTree(store_.get(), 0, &fid_sig_tree_);
   if (status == kErrMem) LOG_ERROR("no mem for pFid_sig_tree");
   if (status == kOk) {
-    status = openTree(base_name + ".sidt", params, &src_fid_tree_);
+    status = openTree(store_.get(), 1, &src_fid_tree_);
     if (status == kErrMem) LOG_ERROR("no mem for pSrc_fid_tree");
   }
   if (status == kOk) {
-    status = openTree(base_name + ".sigt", params, &sig_fid_tree_);
+    status = openTree(store_.get(), 2, &sig_fid_tree_);
     if (status == kErrMem) LOG_ERROR("no mem for pSig_fid_tree");
   }
   return status;  // after a failure Init closes the trees that were opened
@@ -199,8 +206,9 @@ int FidSigIndexCollector::SaveFidSignature() try {
     LOG_NOTICE("Error: SaveFidSignature before init.");
     return kErrState;
   }
-  if (!treesValid()) return kErrFile;
-  if (pending_documents_.empty()) return kOk;
+  // A rollback that lacked memory may have it now.
+  if (!store_->valid() && !store_->rollback()) return kErrFile;
+  if (pending_documents_.empty()) return std::exchange(deletion_failed_, false) ? kErrFile : kOk;
 
   // The map orders fid offsets as unsigned numbers, the trees as signed ones:
   // what the map has last, the documents below the base, comes first here.
@@ -247,7 +255,8 @@ int FidSigIndexCollector::SaveFidSignature() try {
     return SrcFidRecord{source(entry), fid(entry)};
   });
   if (!fid_sig.insertInto(fid_sig_tree_.get()) || !sig_fid.insertInto(sig_fid_tree_.get()) ||
-      !src_fid.insertInto(src_fid_tree_.get()) || !commitTrees()) {
+      !src_fid.insertInto(src_fid_tree_.get()) || !store_->commit()) {
+    store_->rollback();
     return kErrFile;
   }
 
@@ -265,8 +274,9 @@ int FidSigIndexCollector::SaveFidSignature() try {
   }
   pending_documents_.clear();
   pending_signatures_.clear();
-  return kOk;
+  return std::exchange(deletion_failed_, false) ? kErrFile : kOk;
 } catch (const std::bad_alloc&) {
+  store_->rollback();
   return kErrMem;
 }
 
@@ -304,14 +314,14 @@ int FidSigIndexCollector::DeleteFidSignature(uint32_t fid_offset) {
   return kOk;
 }
 
-bool FidSigIndexCollector::Commit() { return initialised_ && commitTrees(); }
-
-bool FidSigIndexCollector::commitTrees() {
-  return fid_sig_tree_->commit() && src_fid_tree_->commit() && sig_fid_tree_->commit();
+void FidSigIndexCollector::CommitDeletions() {
+  if (!initialised_ || store_->commit()) return;
+  store_->rollback();
+  deletion_failed_ = true;
 }
 
-bool FidSigIndexCollector::treesValid() const {
-  return fid_sig_tree_->is_valid() && src_fid_tree_->is_valid() && sig_fid_tree_->is_valid();
+void FidSigIndexCollector::RollBackDeletions() {
+  if (initialised_) store_->rollback();
 }
 
 void FidSigIndexCollector::Reset() noexcept {
@@ -324,6 +334,8 @@ void FidSigIndexCollector::Reset() noexcept {
   fid_sig_tree_.reset();
   src_fid_tree_.reset();
   sig_fid_tree_.reset();
+  store_.reset();
+  deletion_failed_ = false;
   pending_documents_.clear();
   pending_signatures_ = std::vector<Signature>();  // gives its memory back, as {} would not
 }

@@ -51,21 +51,22 @@ class FidSigIndexCollector {
   int AddFidSignature(uint32_t fid_offset, uint32_t source_id, uint32_t sig_num,
                       const Signature* sigs);
 
-  // Writes the pending documents into the trees and commits. Records that are
-  // there already are logged and no failure. Returns 0; -1 before Init, -4
-  // without memory, -5 when a tree has met an I/O error, now or earlier: the
-  // documents stay pending then and nothing is logged as duplicated.
+  // Writes the pending documents into the trees and commits: all of them, or
+  // none. Records that are there already are logged and no failure. Returns 0;
+  // -1 before Init, -4 without memory, -5 after an I/O error: the documents stay
+  // pending then and nothing is logged as duplicated. -5 also once, with the
+  // documents saved, when deletions before could not be made lasting.
   int SaveFidSignature();
 
   // Removes a document's records. Returns 0, also when there are none, or -1
-  // before Init. An I/O error makes the trees invalid, which the next save
-  // tells. Commit() makes deletions lasting. Throws std::bad_alloc before
-  // anything is removed.
+  // before Init. Throws std::bad_alloc. Any number of deletions is followed by
+  // one of the next two.
   int DeleteFidSignature(uint32_t fid_offset);
 
-  // Makes the trees on disk what they are in memory. False before Init and after
-  // an I/O error.
-  bool Commit();
+  // Makes the deletions lasting, all of them or none. An I/O error, now or
+  // while deleting, is told by the next save.
+  void CommitDeletions();
+  void RollBackDeletions();
 
   // Writes the four search tables anew, `meta_data` at the head of both meta
   // files. Returns 0; -1 before Init, -3 without a directory, -4 or -5, leaving
@@ -88,8 +89,6 @@ class FidSigIndexCollector {
 
   int make_dir(const std::string& directory);
   int gen_btree();
-  bool treesValid() const;
-  bool commitTrees();
 
   bool initialised_ = false;
   uint64_t pending_capacity_ = 0;     // documents; tested for equality
@@ -101,6 +100,9 @@ class FidSigIndexCollector {
   std::map<uint32_t, PendingDocument> pending_documents_;  // by fid offset
   std::vector<Signature> pending_signatures_;              // in the order added
 
+  bool deletion_failed_ = false;  // and no save has told it yet
+
+  std::unique_ptr<TreeStore> store_;  // of the three trees
   std::unique_ptr<FidSigTree> fid_sig_tree_;
   std::unique_ptr<SrcFidTree> src_fid_tree_;
   std::unique_ptr<SigFidTree> sig_fid_tree_;

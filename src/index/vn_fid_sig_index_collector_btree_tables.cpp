@@ -1,9 +1,16 @@
 // Writing of the search tables: one ordered walk over the sig-fid tree fills
 // both tables and both prefix directories. An index may be far larger than
 // memory, so it holds one leaf, one buffer for each table and the directories.
+//
+// The files are rewritten in place, and a failure, a kill or a loss of power
+// leaves what there is by then. No such set of files must load. A table that is
+// merely cut is refused as empty, but one that grew as long as the old one would
+// pass for it: so the old meta files are cut, on the disk, before the first
+// element is written, and the new ones follow when both tables are on the disk.
 #define LOG_TAG "fpe_sig_index"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <iterator>
 #include <new>
@@ -62,6 +69,15 @@ class TableWriter {
   uint32_t count_ = 0;
 };
 
+// Asked in two ways, since only the second knows names in another encoding than
+// UTF-8. What cannot be told counts as present.
+bool isAbsent(const std::string& path) {
+  platform::System& system = platform::current();
+  std::vector<platform::PathChar> native(path.size() + 1);
+  return system.toNativePath(path.c_str(), native.data(), native.size()) &&
+         system.access(native.data()) == ENOENT && !system.open(path.c_str(), OpenMode::kRead);
+}
+
 }  // namespace
 
 int FidSigIndexCollector::CreateSearchTable(const char* sch_table_dir,
@@ -77,7 +93,7 @@ int FidSigIndexCollector::CreateSearchTable(const char* sch_table_dir,
   const std::string directory = withSeparator(sch_table_dir);
   const int status = make_dir(directory);
   if (status != kOk) return status;
-  if (!sig_fid_tree_->is_valid()) return kErrFile;
+  if (!store_->valid() && !store_->rollback()) return kErrFile;
   if (sig_fid_tree_->size() == 0) {
     LOG_ERROR("index signature is empty");
     LOG_ERROR("kilo_dbg ret == VN_NO_INDEX_DATA_ERR");
@@ -99,6 +115,21 @@ int FidSigIndexCollector::CreateSearchTable(const char* sch_table_dir,
     if (!strong_file) {
       LOG_ERROR("open file %s fail", strong_path.c_str());
       return kErrFile;
+    }
+    // Both tables are empty by now, which no meta file agrees with: should this
+    // fail, what is there is refused all the same.
+    for (const char* const suffix : {kWeakMetaSuffix, kStrongMetaSuffix}) {
+      const std::string path = base_name + suffix;
+      if (isAbsent(path)) continue;
+      const auto file = platform::current().open(path.c_str(), OpenMode::kRewrite);
+      if (!file) {
+        LOG_ERROR("open file %s fail", path.c_str());
+        return kErrFile;
+      }
+      if (!file->sync()) {
+        LOG_ERROR("write file %s fail", path.c_str());
+        return kErrFile;
+      }
     }
     weak_sig_block = mallocArray<PrefixRange>(kPrefixCount);
     if (!weak_sig_block) {
@@ -167,11 +198,11 @@ int FidSigIndexCollector::CreateSearchTable(const char* sch_table_dir,
     if (!sig_fid_tree_->is_valid()) return kErrFile;
     weak_sig_block[current].end = weak.count();
     strong_sig_block[current].end = strong.count();
-    if (!weak.flush()) {
+    if (!weak.flush() || !weak_file->sync()) {
       LOG_ERROR("write weak search table file fail");
       return kErrFile;
     }
-    if (!strong.flush()) {
+    if (!strong.flush() || !strong_file->sync()) {
       LOG_ERROR("write strong search table file fail");
       return kErrFile;
     }
@@ -192,10 +223,14 @@ int FidSigIndexCollector::CreateSearchTable(const char* sch_table_dir,
       LOG_ERROR("write file for meta data %s fail", path.c_str());
       return kErrFile;
     }
-    if (!file->write(prefix_directory, kPrefixDirectoryBytes)) {
+    if (!file->write(prefix_directory, kPrefixDirectoryBytes) || !file->sync()) {
       LOG_ERROR("write file %s fail", path.c_str());
       return kErrFile;
     }
+  }
+  if (!platform::current().syncDirectory(directory.c_str())) {
+    LOG_ERROR("write file %s fail", directory.c_str());
+    return kErrFile;
   }
   return kOk;
 } catch (const std::bad_alloc&) {
@@ -217,10 +252,16 @@ int FidSigIndexCollector::CreateEmptySearchTable(const char* sch_table_dir) try 
   for (const char* const suffix :
        {kWeakTableSuffix, kStrongTableSuffix, kWeakMetaSuffix, kStrongMetaSuffix}) {
     const std::string path = directory + search_table_name_ + suffix;
-    if (!platform::current().open(path.c_str(), OpenMode::kRewrite)) {
+    // A cut that is undone later has not been made.
+    const auto file = platform::current().open(path.c_str(), OpenMode::kRewrite);
+    if (!file || !file->sync()) {
       LOG_ERROR("open file %s fail", path.c_str());
       return kErrFile;
     }
+  }
+  if (!platform::current().syncDirectory(directory.c_str())) {
+    LOG_ERROR("open file %s fail", directory.c_str());
+    return kErrFile;
   }
   return kOk;
 } catch (const std::bad_alloc&) {

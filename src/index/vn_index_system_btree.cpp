@@ -112,7 +112,12 @@ int vnAddDocSignature(int64_t fid, uint32_t source_id, uint32_t sig_num, const S
     const std::string directory = indexDirectory();
     fid_base = fid;
     b_meta_data_load = true;
-    save_meta_data(directory, kMetaDataFileName, {fid, sig_gen_level});
+    try {
+      save_meta_data(directory, kMetaDataFileName, {fid, sig_gen_level});
+    } catch (...) {
+      b_meta_data_load = false;  // in memory alone the base would be another one next time
+      throw;
+    }
   } else if (process_fid(fid, fid_base, &fid_offset) != kOk) {
     return kErrState;
   }
@@ -138,10 +143,11 @@ int vnDelDocSignature(uint32_t fid_num, const int64_t* fids) {
       status = process_fid(fids[i], fid_base, &fid_offset);
       if (status == kOk) collector.DeleteFidSignature(fid_offset);
     }
+    collector.CommitDeletions();  // those before an unfit file ID stand
   } catch (const std::bad_alloc&) {
-    status = kErrMem;  // the deletions before stand
+    collector.RollBackDeletions();
+    status = kErrMem;
   }
-  collector.Commit();  // a failure makes the trees invalid, which the next save tells
   return status;
 }
 

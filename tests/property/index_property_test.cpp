@@ -167,25 +167,26 @@ class IndexRun {
   }
 
   template <typename Tree>
-  static auto records(const std::string& suffix) {
-    Tree tree("db/fid_index" + suffix, AccessType::kReadOnly, {});
+  static auto records(TreeStore* store, size_t number) {
+    Tree tree(store, number);
     std::string problem;
-    EXPECT_TRUE(tree.verify(&problem)) << suffix << ": " << problem;
+    EXPECT_TRUE(tree.verify(&problem)) << "tree " << number << ": " << problem;
     return recordsOf(&tree);
   }
 
   // Of each tree the records, in the model's order.
   void expectTrees() {
+    TreeStore store("db/fid_index", {".fidt", ".sidt", ".sigt"}, AccessType::kReadOnly, {});
     std::vector<IndexModel::FidSig> fid_sig;
-    for (const FidSigRecord& r : records<FidSigTree>(".fidt")) {
+    for (const FidSigRecord& r : records<FidSigTree>(&store, 0)) {
       fid_sig.emplace_back(r.fid, r.source, IndexModel::bytesOf(r.signature));
     }
     std::vector<IndexModel::SrcFid> src_fid;
-    for (const SrcFidRecord& r : records<SrcFidTree>(".sidt")) {
+    for (const SrcFidRecord& r : records<SrcFidTree>(&store, 1)) {
       src_fid.emplace_back(r.source, r.fid);
     }
     std::vector<IndexModel::SigFid> sig_fid;
-    for (const SigFidRecord& r : records<SigFidTree>(".sigt")) {
+    for (const SigFidRecord& r : records<SigFidTree>(&store, 2)) {
       sig_fid.emplace_back(IndexModel::bytesOf(r.signature), r.fid, r.source);
     }
     const auto same = [](const auto& set, const auto& list) {

@@ -22,23 +22,24 @@ struct StoredIndex {
 };
 
 template <typename Tree>
-auto storedRecords(const std::string& base_name) {
-  Tree tree(base_name, AccessType::kReadOnly, {});
-  EXPECT_TRUE(tree.is_valid()) << base_name;
+auto storedRecords(TreeStore* store, size_t number) {
+  Tree tree(store, number);
   std::string problem;
-  EXPECT_TRUE(tree.verify(&problem)) << base_name << ": " << problem;
+  EXPECT_TRUE(tree.verify(&problem)) << "tree " << number << ": " << problem;
   return recordsOf(&tree);
 }
 
 inline StoredIndex storedIndex(const std::string& base_name) {
   StoredIndex index;
-  for (const auto& r : storedRecords<FidSigTree>(base_name + ".fidt")) {
+  TreeStore store(base_name, {".fidt", ".sidt", ".sigt"}, AccessType::kReadOnly, {});
+  EXPECT_TRUE(store.valid()) << base_name;
+  for (const auto& r : storedRecords<FidSigTree>(&store, 0)) {
     index.fid_sig.insert({r.fid, r.source, IndexModel::bytesOf(r.signature)});
   }
-  for (const auto& r : storedRecords<SrcFidTree>(base_name + ".sidt")) {
+  for (const auto& r : storedRecords<SrcFidTree>(&store, 1)) {
     index.src_fid.insert({r.source, r.fid});
   }
-  for (const auto& r : storedRecords<SigFidTree>(base_name + ".sigt")) {
+  for (const auto& r : storedRecords<SigFidTree>(&store, 2)) {
     index.sig_fid.insert({IndexModel::bytesOf(r.signature), r.fid, r.source});
   }
   return index;

@@ -15,8 +15,15 @@
 namespace {
 
 int allocations_until_failure = 0;  // 0: none fails
+bool lasting = false;               // nor does one after it succeed, until this is cleared
+bool memory_is_out = false;
 
-bool refused() { return allocations_until_failure > 0 && --allocations_until_failure == 0; }
+bool refused() {
+  if (memory_is_out) return true;
+  if (allocations_until_failure == 0 || --allocations_until_failure > 0) return false;
+  memory_is_out = lasting;
+  return true;
+}
 
 }  // namespace
 
@@ -85,6 +92,23 @@ TEST_F(OutOfMemory, AnAdditionIsWholeOrNotAtAll) {
   expectAsTheModel();
 }
 
+// The ranges of the pending documents are 32-bit numbers. What is too much is
+// refused before memory is asked for, and the short list is not read.
+TEST_F(OutOfMemory, MoreSignaturesThan32BitsCanCountAreRefusedUnasked) {
+  const Signatures signatures = documents::signatures(1, 1);
+  ASSERT_EQ(kOk, add(1, signatures));
+  allocations_until_failure = 1;
+  EXPECT_EQ(kErrMem, collector_.AddFidSignature(2, 2, UINT32_MAX, signatures.data()));
+  EXPECT_EQ(1, allocations_until_failure);
+  allocations_until_failure = 0;
+  EXPECT_TRUE(log_.lines().empty());
+  EXPECT_EQ(kOk, add(2, signatures));  // it is not pending
+  model_.add(1, 1, signatures);
+  model_.add(2, 2, signatures);
+  ASSERT_EQ(kOk, collector_.SaveFidSignature());
+  expectAsTheModel();
+}
+
 // The first fifteen allocations of a save are its three lists and the four of each
 // tree's batch, before any tree is touched.
 TEST_F(OutOfMemory, ASaveWithoutMemoryForItsListsKeepsTheDocumentsPending) {
@@ -98,6 +122,35 @@ TEST_F(OutOfMemory, ASaveWithoutMemoryForItsListsKeepsTheDocumentsPending) {
     EXPECT_EQ(kErrPending, add(5, signatures));
   }
   ASSERT_EQ(kOk, collector_.SaveFidSignature());
+  EXPECT_TRUE(log_.lines().empty());
+  expectAsTheModel();
+}
+
+// Not even a rollback can be relied on then; it is made up for by the next save.
+TEST_F(OutOfMemory, ASaveThatLostAllMemorySucceedsWhenThereIsSomeAgain) {
+  ASSERT_EQ(kOk, add(1000000, documents::signatures(9000, 0)));
+  model_.add(1000000, 1000000, documents::signatures(9000, 0));
+  ASSERT_EQ(kOk, collector_.SaveFidSignature());
+  model_.save();
+  int failures = 0;
+  for (uint32_t n = 1;; ++n) {
+    const Signatures signatures = documents::signatures(40, n);
+    ASSERT_EQ(kOk, add(n, signatures));
+    model_.add(n, n, signatures);
+    allocations_until_failure = static_cast<int>(n);
+    lasting = true;
+    const int status = collector_.SaveFidSignature();
+    const bool failed = memory_is_out;
+    allocations_until_failure = 0;
+    lasting = memory_is_out = false;
+    ASSERT_EQ(failed ? kErrMem : kOk, status) << n;
+    if (!failed) break;
+    ++failures;
+    ASSERT_EQ(kErrPending, add(n, signatures)) << n;
+    ASSERT_EQ(kOk, collector_.SaveFidSignature()) << n;
+    model_.save();
+  }
+  EXPECT_GT(failures, 20);
   EXPECT_TRUE(log_.lines().empty());
   expectAsTheModel();
 }

@@ -1,8 +1,11 @@
 // The writer of the search tables, against its slow twin.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <set>
+#include <utility>
 
 #include "documents.h"
 #include "fail_point.h"
@@ -10,6 +13,10 @@
 #include "status.h"
 #include "table_twin.h"
 #include "vn_fid_sig_index_collector_btree.h"
+
+#ifndef _WIN32
+#include <sys/stat.h>
+#endif
 
 namespace {
 
@@ -307,10 +314,10 @@ class FailingSearchTables : public SearchTables {
   }
 
   // One creation of the tables with the n-th such call failing.
-  int createFailing(Call call, int n, const std::string& path_part = "") {
+  int createFailing(Call call, int n, const std::string& path_part = "", bool lasting = false) {
     log_.clear();
     FailPoint point;
-    point.fail(call, n, false, path_part);
+    point.fail(call, n, lasting, path_part);
     const int status = create();
     EXPECT_TRUE(point.failed());
     return status;
@@ -319,9 +326,39 @@ class FailingSearchTables : public SearchTables {
 
 TEST_F(FailingSearchTables, ATableOrMetaFileThatCannotBeOpenedIsTold) {
   for (const char* const suffix : {".wtbl", ".stbl", ".wmeta", ".smeta"}) {
-    EXPECT_EQ(kErrFile, createFailing(Call::kOpen, 1, suffix)) << suffix;
+    EXPECT_EQ(kErrFile, createFailing(Call::kOpen, 1, suffix, /*lasting=*/true)) << suffix;
     expectLines(log_, {error(std::string("open file db/search_table") + suffix + " fail")});
   }
+  // A meta file of an earlier run is opened twice: to be cut, and to be written.
+  ASSERT_EQ(kOk, create());
+  for (const char* const suffix : {".wmeta", ".smeta"}) {
+    for (const int n : {1, 2}) {
+      EXPECT_EQ(kErrFile, createFailing(Call::kOpen, n, suffix)) << suffix;
+      expectLines(log_, {error(std::string("open file db/search_table") + suffix + " fail")});
+    }
+  }
+}
+
+TEST_F(FailingSearchTables, AFileThatDoesNotReachTheDiskCouldNotBeWritten) {
+  const std::string base = "db/search_table";
+  ASSERT_EQ(kOk, create());
+  const struct {
+    const char* suffix;
+    int n;
+    std::string message;
+  } cases[] = {{".wtbl", 1, "write weak search table file fail"},
+               {".stbl", 1, "write strong search table file fail"},
+               {".wmeta", 1, "write file " + base + ".wmeta fail"},  // cut
+               {".wmeta", 2, "write file " + base + ".wmeta fail"},
+               {".smeta", 1, "write file " + base + ".smeta fail"},
+               {".smeta", 2, "write file " + base + ".smeta fail"}};
+  for (const auto& [suffix, n, message] : cases) {
+    ASSERT_EQ(kOk, create());
+    EXPECT_EQ(kErrFile, createFailing(Call::kSync, n, suffix)) << suffix << n;
+    expectLines(log_, {error(message)});
+  }
+  EXPECT_EQ(kErrFile, createFailing(Call::kSyncDirectory, 1));
+  expectLines(log_, {error("write file db/ fail")});
 }
 
 TEST_F(FailingSearchTables, WhatStandsBehindAFailureIsNotTouched) {
@@ -369,6 +406,19 @@ TEST_F(FailingSearchTables, EachOfTheFourBlocksOfMemoryMayBeRefused) {
   }
 }
 
+TEST_F(SearchTables, BuffersBeyondFourGigabytesAreAskedForInFull) {
+  init(UINT32_MAX);
+  add(1, 1, {Signature{}});
+  save();
+  FailPoint point;
+  // The path of the directory, the two prefix directories, then the buffer.
+  point.fail(Call::kAllocate, 4);
+  EXPECT_EQ(kErrMem, create());
+  EXPECT_TRUE(log_.has("no mem for signature_weak"));
+  EXPECT_LT(uint64_t{8} * UINT32_MAX, point.bytesAllocated());
+  EXPECT_GT(uint64_t{8} * UINT32_MAX + (2 << 20), point.bytesAllocated());
+}
+
 TEST_F(FailingSearchTables, EachOfTheFourEmptyFilesMayFailToOpen) {
   const char* const kSuffixes[] = {".wtbl", ".stbl", ".wmeta", ".smeta"};
   for (size_t failing = 0; failing < 4; ++failing) {
@@ -386,6 +436,236 @@ TEST_F(FailingSearchTables, EachOfTheFourEmptyFilesMayFailToOpen) {
     }
   }
 }
+
+TEST_F(FailingSearchTables, AnEmptyFileThatDoesNotReachTheDiskIsNotThere) {
+  const std::string function = kClass + "CreateEmptySearchTable";
+  for (const std::string file :
+       {"search_table.wtbl", "search_table.stbl", "search_table.wmeta", "search_table.smeta"}) {
+    log_.clear();
+    FailPoint point;
+    point.fail(Call::kSync, 1, false, file);
+    EXPECT_EQ(kErrFile, collector_.CreateEmptySearchTable("db"));
+    expectLines(log_, {{3, "Error", function, "open file db/" + file + " fail"}});
+  }
+  log_.clear();
+  FailPoint point;
+  point.fail(Call::kSyncDirectory, 1);
+  EXPECT_EQ(kErrFile, collector_.CreateEmptySearchTable("db"));
+  expectLines(log_, {{3, "Error", function, "open file db/ fail"}});
+}
+
+// ---- Files that do not belong together ----
+
+// What is asked of the four files and their directory, their suffixes instead of
+// their paths, the writes to both tables as one.
+class TornSearchTables : public FailingSearchTables {
+ protected:
+  static const std::set<Call> kCalls;
+
+  template <typename Create>
+  static std::vector<std::string> callsOf(Create create_tables) {
+    FailPoint point;
+    point.note();
+    point.failAny(kCalls, 0, false, "db/");
+    EXPECT_EQ(kOk, create_tables());
+    std::vector<std::string> calls;
+    for (std::string call : point.watched()) {
+      const size_t path = call.find("db/search_table");
+      if (path != std::string::npos) call.erase(path, std::strlen("db/search_table"));
+      if (call == "write .wtbl" || call == "write .stbl") call = "write tables";
+      if (calls.empty() || calls.back() != call) calls.push_back(call);
+    }
+    return calls;
+  }
+
+  // Other content in tables of the same length.
+  void exchangeDocuments() {
+    for (const uint32_t fid : {1, 2}) {
+      ASSERT_EQ(kOk, collector_.DeleteFidSignature(fid));
+      model_.erase(fid);
+    }
+    const Signatures list = documents::signatures(60, 12, 20);
+    add(3, 10, list);
+    add(4, 20, list);
+    save();
+  }
+
+  static bool equal(const table_twin::Files& left, const table_twin::Files& right) {
+    return left.weak == right.weak && left.strong == right.strong &&
+           left.weak_meta == right.weak_meta && left.strong_meta == right.strong_meta;
+  }
+
+  void put(const table_twin::Files& files) {
+    dir_.write("db/search_table.wtbl", files.weak);
+    dir_.write("db/search_table.stbl", files.strong);
+    dir_.write("db/search_table.wmeta", files.weak_meta);
+    dir_.write("db/search_table.smeta", files.strong_meta);
+  }
+};
+
+const std::set<Call> TornSearchTables::kCalls = {Call::kOpen, Call::kWrite, Call::kTruncate,
+                                                 Call::kSync, Call::kSyncDirectory};
+
+TEST_F(TornSearchTables, OldMetaFilesAreCutBeforeTheTablesAndNewOnesWrittenBehindThem) {
+  const auto create_tables = [this] { return create(); };
+  const std::vector<std::string> behind = {"write tables", "sync .wtbl",        "write tables",
+                                           "sync .stbl",   "open .wmeta",       "write .wmeta",
+                                           "sync .wmeta",  "open .smeta",       "write .smeta",
+                                           "sync .smeta",  "sync directory db/"};
+  std::vector<std::string> expected = {"open .wtbl", "open .stbl", "open .wmeta", "open .smeta"};
+  expected.insert(expected.end(), behind.begin(), behind.end());
+  EXPECT_EQ(expected, callsOf(create_tables));  // looked for and not found
+
+  expected = {"open .wtbl",  "open .stbl",  "open .wmeta",
+              "sync .wmeta", "open .smeta", "sync .smeta"};
+  expected.insert(expected.end(), behind.begin(), behind.end());
+  EXPECT_EQ(expected, callsOf(create_tables));
+}
+
+TEST_F(TornSearchTables, EmptyFilesAreOnTheDiskInTheOrderOfTheirCreation) {
+  EXPECT_EQ((std::vector<std::string>{"open .wtbl", "sync .wtbl", "open .stbl", "sync .stbl",
+                                      "open .wmeta", "sync .wmeta", "open .smeta", "sync .smeta",
+                                      "sync directory db/"}),
+            callsOf([this] { return collector_.CreateEmptySearchTable("db"); }));
+}
+
+// From the n-th call on nothing reaches the system any more, as after a kill. A
+// set loads when no table is empty and both meta files are whole.
+TEST_F(TornSearchTables, AKillAtAnyCallLeavesTheOldSetOrTheNewOneOrOneThatDoesNotLoad) {
+  ASSERT_EQ(kOk, create());
+  const auto before = written();
+  exchangeDocuments();
+  ASSERT_EQ(kOk, create());
+  const auto after = written();
+  ASSERT_EQ(before.weak.size(), after.weak.size());
+  ASSERT_EQ(before.strong.size(), after.strong.size());
+  int refused = 0;
+  for (int n = 1;; ++n) {
+    put(before);
+    FailPoint point;
+    point.failAny(kCalls, n, /*lasting=*/true, "db/");
+    const int status = create();
+    EXPECT_EQ(point.failed() ? kErrFile : kOk, status) << n;
+    const auto files = written();
+    const bool loads = !files.weak.empty() && !files.strong.empty() &&
+                       files.weak_meta.size() == kMetaFileBytes &&
+                       files.strong_meta.size() == kMetaFileBytes;
+    if (!loads) ++refused;
+    EXPECT_TRUE(!loads || equal(files, before) || equal(files, after)) << n;
+    if (!point.failed()) break;
+  }
+  EXPECT_LT(15, refused);
+  EXPECT_TRUE(equal(written(), after));
+}
+
+// The names of the files are bytes, in whatever encoding.
+TEST_F(TornSearchTables, OldMetaFilesAreCutAlsoUnderANameThatIsNoUtf8) {
+  std::strcpy(configuration_.search_table_fname, "t\xe9");
+  init(20);
+  ASSERT_EQ(kOk, create());
+  EXPECT_EQ(kErrFile, createFailing(Call::kWrite, 1, "db/t\xe9.wtbl"));
+  for (const char* const path : {"db/t\xe9.wmeta", "db/t\xe9.smeta"}) {
+    const auto file = platform::native().open(path, platform::OpenMode::kRead);
+    ASSERT_NE(nullptr, file);
+    EXPECT_EQ(0, file->size()) << path;
+  }
+}
+
+// Better one cut too many than an old meta file overlooked.
+TEST_F(TornSearchTables, AMetaFileWhoseExistenceCannotBeToldIsCut) {
+  ASSERT_EQ(kOk, create());
+  for (const Call call : {Call::kAccess, Call::kToNativePath}) {
+    FailPoint point;
+    point.note();
+    point.failAny({call, Call::kSync}, 2);  // the first is for the directory
+    EXPECT_EQ(kOk, create());
+    EXPECT_TRUE(point.failed());
+    const auto& calls = point.watched();
+    EXPECT_EQ(2, std::count(calls.begin(), calls.end(), "sync db/search_table.wmeta"));
+
+    // That it cannot be opened is no proof either, and ends the operation.
+    log_.clear();
+    point.failAny({call, Call::kOpen, Call::kWrite}, 4, /*lasting=*/true);
+    EXPECT_EQ(kErrFile, create());
+    expectLines(log_, {error("open file db/search_table.wmeta fail")});
+    EXPECT_EQ("open db/search_table.wmeta", calls.back());
+    point.fail(Call::kOpen, 0);
+    ASSERT_EQ(kOk, create());
+    log_.clear();
+  }
+}
+
+#ifndef _WIN32
+namespace fs = std::filesystem;
+
+TEST_F(FailingSearchTables, ALinkOrAPipeInPlaceOfATableIsRefused) {
+  dir_.write("elsewhere", "kept");
+  for (const std::string suffix : {".wtbl", ".stbl", ".wmeta", ".smeta"}) {
+    const std::string path = "db/search_table" + suffix;
+    for (const bool link : {true, false}) {
+      ASSERT_EQ(kOk, create());
+      fs::remove(path);
+      if (link) {
+        fs::create_symlink("../elsewhere", path);
+      } else {
+        ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
+      }
+      log_.clear();
+      EXPECT_EQ(kErrFile, create());
+      expectLines(log_, {error("open file " + path + " fail")});
+      log_.clear();
+      EXPECT_EQ(kErrFile, collector_.CreateEmptySearchTable("db"));
+      expectLines(log_,
+                  {{3, "Error", kClass + "CreateEmptySearchTable", "open file " + path + " fail"}});
+      EXPECT_EQ("kept", dir_.read("elsewhere"));
+      fs::remove(path);
+    }
+  }
+}
+
+TEST_F(FailingSearchTables, ALinkOrAPipeInPlaceOfATreeIsRefused) {
+  collector_.Reset();
+  fs::rename("db", "good");
+  for (const auto& entry : fs::directory_iterator("good")) {
+    const fs::path name = entry.path().filename();
+    if (!name.string().starts_with("fid_index")) continue;
+    for (const bool link : {true, false}) {
+      SCOPED_TRACE(name);
+      fs::copy("good", "db");
+      const fs::path file = "db" / name;
+      fs::remove(file);
+      if (link) {
+        fs::create_symlink(".." / entry.path(), file);
+      } else {
+        ASSERT_EQ(0, ::mkfifo(file.c_str(), 0600));
+      }
+      const std::string before = dir_.read(entry.path().string());
+      EXPECT_EQ(kErrFile, collector_.Init(configuration_, "db"));
+      EXPECT_TRUE(before == dir_.read(entry.path().string()));
+      fs::remove_all("db");
+    }
+  }
+}
+
+TEST_F(FailingSearchTables, TheDirectoryAndAllFilesInItAreTheirOwnersAlone) {
+  const mode_t previous = ::umask(0);
+  EXPECT_EQ(kOk, collector_.Init(configuration_, "open"));
+  EXPECT_EQ(kOk, collector_.CreateSearchTable("open", kMeta));
+  ::umask(previous);
+  const auto modeOf = [](const fs::path& path) {
+    struct stat status = {};
+    EXPECT_EQ(0, ::lstat(path.c_str(), &status));
+    return status.st_mode & 07777;
+  };
+  EXPECT_EQ(0700u, modeOf("open"));
+  size_t files = 0;
+  for (const auto& entry : fs::directory_iterator("open")) {
+    EXPECT_EQ(0600u, modeOf(entry.path())) << entry.path();
+    ++files;
+  }
+  EXPECT_LE(16u, files);
+}
+#endif
 
 // A walk that an error ends must not pass for a short index.
 TEST_F(FailingSearchTables, ATreeThatCannotBeReadIsAFailureAndLeavesTheMetaFilesUnwritten) {
@@ -407,11 +687,12 @@ TEST_F(FailingSearchTables, ATreeThatCannotBeReadIsAFailureAndLeavesTheMetaFiles
     ++reads;
     EXPECT_EQ(kErrFile, status) << n;
     EXPECT_FALSE(dir_.exists("db/search_table.wmeta"));
-    // The tree stays invalid; what is there is not even touched.
-    dir_.write("db/search_table.wtbl", "kept");
-    EXPECT_EQ(kErrFile, create());
-    EXPECT_EQ("kept", dir_.read("db/search_table.wtbl"));
     EXPECT_TRUE(log_.lines().empty());
+    // A read that failed once is no reason to fail again.
+    EXPECT_EQ(kOk, create());
+    EXPECT_TRUE(dir_.exists("db/search_table.wmeta"));
+    std::filesystem::remove("db/search_table.wmeta");
+    std::filesystem::remove("db/search_table.smeta");
     collector_.Reset();
   }
   EXPECT_GT(reads, 2);

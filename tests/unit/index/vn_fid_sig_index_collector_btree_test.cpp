@@ -447,30 +447,56 @@ class FailingCollectorTest : public CollectorTest {
   FailPoint point_;
 };
 
-TEST_F(FailingCollectorTest, ATreeThatCannotBeReadOrWrittenFailsTheSaveAndReportsNoDuplicates) {
+TEST_F(FailingCollectorTest, ASaveThatCannotReadOrWriteATreeIsUndoneAndKeepsTheDocuments) {
+  const StoredIndex before = stored();
   for (const char* const tree : {".fidt", ".sidt", ".sigt"}) {
     for (const Call call : {Call::kRead, Call::kWrite}) {
       SCOPED_TRACE(std::string(tree) + " call " + std::to_string(static_cast<int>(call)));
-      // Not the same documents each time: what got through is there to stay.
       ASSERT_EQ(kOk, init());
       ASSERT_EQ(kOk, add(1, 10, {kA, kC}));
       ASSERT_EQ(kOk, add(2, 10, {kA}));
       log_.clear();
-      point_.fail(call, 1, true, tree);
+      point_.fail(call, 1, false, tree);
       EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
       EXPECT_TRUE(point_.failed());
+      EXPECT_TRUE(log_.lines().empty()) << "nothing is logged as duplicated";
       EXPECT_EQ(kErrPending, add(1, 10, {kA}));  // still pending
       EXPECT_EQ(kErrPending, add(2, 10, {kA}));
-      point_.fail(call, 0);
-      EXPECT_EQ(kErrFile, collector_->SaveFidSignature());  // until it is opened again
-      EXPECT_TRUE(log_.lines().empty());
       collector_->Reset();
-      std::filesystem::remove_all("db");
-      ASSERT_EQ(kOk, init());
-      ASSERT_EQ(kOk, add(1, 10, {kA, kB}));
-      ASSERT_EQ(kOk, collector_->SaveFidSignature());
+      const StoredIndex after = stored();
+      EXPECT_EQ(before.fid_sig, after.fid_sig);
+      EXPECT_EQ(before.src_fid, after.src_fid);
+      EXPECT_EQ(before.sig_fid, after.sig_fid);
     }
   }
+}
+
+TEST_F(FailingCollectorTest, ASaveSucceedsOnceTheDiskWorksAgain) {
+  ASSERT_EQ(kOk, add(2, 10, {kA}));
+  point_.fail(Call::kWrite, 1, true, ".sigt");
+  EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
+  point_.fail(Call::kWrite, 0);
+  // Nothing could be written back either: the trees wait for the next opening.
+  EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
+
+  ASSERT_EQ(kOk, init());
+  ASSERT_EQ(kOk, add(2, 10, {kA}));
+  point_.fail(Call::kWrite, 1, false, ".sigt");
+  EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
+  EXPECT_EQ(kOk, collector_->SaveFidSignature());
+  EXPECT_EQ(3u, stored().fid_sig.size());
+}
+
+TEST_F(FailingCollectorTest, AfterAFailedSyncNothingIsWrittenUntilTheNextOpening) {
+  ASSERT_EQ(kOk, add(2, 10, {kA}));
+  point_.fail(Call::kSync, 1);
+  EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
+  point_.failAny({Call::kWrite, Call::kSync, Call::kTruncate}, 0);
+  EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
+  collector_->Reset();
+  EXPECT_EQ(0, point_.count());
+  ASSERT_EQ(kOk, init());
+  EXPECT_EQ(2u, stored().fid_sig.size());
 }
 
 TEST_F(FailingCollectorTest, AFullCollectorThatCannotBeSavedRefusesTheDocument) {
@@ -485,21 +511,40 @@ TEST_F(FailingCollectorTest, AFullCollectorThatCannotBeSavedRefusesTheDocument) 
       log_.messages());
 }
 
-TEST_F(FailingCollectorTest, ADeletionThatMeetsAnErrorIsToldByTheNextSave) {
+TEST_F(FailingCollectorTest, ADeletionThatMeetsAnErrorIsUndoneAndToldOnceByTheNextSave) {
   for (const char* const tree : {".fidt", ".sidt", ".sigt"}) {
+    SCOPED_TRACE(tree);
     ASSERT_EQ(kOk, init());
-    point_.fail(Call::kRead, 1, true, tree);
+    ASSERT_EQ(kOk, add(2, 20, {kC}));
+    point_.fail(Call::kRead, 1, false, tree);
     EXPECT_EQ(kOk, collector_->DeleteFidSignature(1));
-    EXPECT_TRUE(point_.failed()) << tree;
-    EXPECT_FALSE(collector_->Commit());
+    EXPECT_TRUE(point_.failed());
+    collector_->CommitDeletions();
     EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
-    point_.fail(Call::kRead, 0);
-    collector_->Reset();
-    std::filesystem::remove_all("db");
+    EXPECT_EQ(kOk, add(2, 20, {kC})) << "but it was saved";
+    EXPECT_EQ(kOk, collector_->SaveFidSignature());
+    EXPECT_EQ(3u, stored().fid_sig.size());
     ASSERT_EQ(kOk, init());
-    ASSERT_EQ(kOk, add(1, 10, {kA, kB}));
-    ASSERT_EQ(kOk, collector_->SaveFidSignature());
+    ASSERT_EQ(kOk, collector_->DeleteFidSignature(2));
+    collector_->CommitDeletions();
   }
+}
+
+TEST_F(FailingCollectorTest, ADeletionThatFailedIsToldAlsoWhenNothingIsPending) {
+  point_.fail(Call::kWrite, 1, false, ".sidt");
+  EXPECT_EQ(kOk, collector_->DeleteFidSignature(1));
+  collector_->CommitDeletions();
+  EXPECT_TRUE(point_.failed());
+  EXPECT_EQ(kErrFile, collector_->SaveFidSignature());
+  EXPECT_EQ(kOk, collector_->SaveFidSignature());
+  EXPECT_EQ(2u, stored().fid_sig.size());
+}
+
+TEST_F(FailingCollectorTest, DeletionsCanBeTakenBack) {
+  EXPECT_EQ(kOk, collector_->DeleteFidSignature(1));
+  collector_->RollBackDeletions();
+  EXPECT_EQ(kOk, collector_->SaveFidSignature());
+  EXPECT_EQ(2u, stored().fid_sig.size());
 }
 
 // ---- Deletion ----
@@ -516,7 +561,7 @@ TEST_F(CollectorTest, ADeletionTakesTheDocumentOutOfAllThreeTrees) {
   ASSERT_EQ(kOk, add(6, 60, {kB}));
   ASSERT_EQ(kOk, collector_->SaveFidSignature());
   EXPECT_EQ(kOk, collector_->DeleteFidSignature(5));
-  EXPECT_TRUE(collector_->Commit());
+  collector_->CommitDeletions();
   const std::string a = IndexModel::bytesOf(kA);
   const std::string b = IndexModel::bytesOf(kB);
   const std::string c = IndexModel::bytesOf(kC);
@@ -592,7 +637,6 @@ TEST_F(CollectorTest, ResetDropsPendingDocumentsAndClosesTheTrees) {
   ASSERT_EQ(kOk, add(2, 10, {kA}));
   collector_->Reset();
   expectReset();
-  EXPECT_FALSE(collector_->Commit());
   EXPECT_EQ(1u, stored().fid_sig.size());
 }
 
