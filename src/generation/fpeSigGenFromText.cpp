@@ -68,22 +68,6 @@ bool suggestsUnsuitablePrime(uint32_t stored, const ScanOutput& out) {
 
 // ---- Selection ----
 
-struct NormalizedText {
-  MallocArray<unsigned char> bytes;
-  int length = 0;
-};
-
-// Normalises and cuts to the maximum content size.
-int normalizeWithinLimit(const unsigned char* text, int length, NormalizedText* normalized) {
-  const int status = normalizeText(text, length, &normalized->bytes, &normalized->length);
-  if (status != kOk) return status;
-  if (normalized->length > maxContentSize()) {
-    normalized->length = maxContentSize();
-    normalized->bytes[normalized->length] = 0;
-  }
-  return kOk;
-}
-
 // Evenly spread positions below `count`, at most `wanted` of them, in ascending
 // order. Returns how many.
 uint32_t pickPositions(uint32_t count, uint32_t wanted, uint32_t* positions) {
@@ -109,18 +93,25 @@ void handOut(MallocArray<Signature> list, uint32_t length, Signature** signature
 
 int normalizeText(const unsigned char* text, int length, MallocArray<unsigned char>* normalized,
                   int* normalized_length) {
-  MallocArray<unsigned char> copy = mallocArray<unsigned char>(static_cast<size_t>(length));
+  const int limit = std::max(maxContentSize(), 0);
+  MallocArray<unsigned char> copy =
+      mallocArray<unsigned char>(static_cast<size_t>(std::min(length, limit)) + 1);
   if (!copy) {
     LOG_ERROR("no mem for text2");
     return kErrMem;
   }
   // Every byte is written and only those that stay move the end on: no branch
-  // to mispredict.
+  // to mispredict, nor one at the limit, since a run is no longer than what there
+  // is room for.
   int kept = 0;
-  for (int i = 0; i < length; ++i) {
-    copy[kept] = text[i];
-    kept += text_signaturer.character_filter[text[i]];
+  for (int i = 0; i < length && kept < limit;) {
+    const int run_end = i + std::min(length - i, limit - kept);
+    for (; i < run_end; ++i) {
+      copy[kept] = text[i];
+      kept += text_signaturer.character_filter[text[i]];
+    }
   }
+  copy[kept] = 0;
   *normalized = std::move(copy);
   *normalized_length = kept;
   return kOk;
@@ -184,15 +175,16 @@ int getSignatureClient(const unsigned char* text, int length, Signature** signat
     LOG_INFO("file too short (%d)", length);
     return kOk;
   }
-  NormalizedText normalized;
-  int status = normalizeWithinLimit(text, length, &normalized);
+  MallocArray<unsigned char> normalized;
+  int kept = 0;
+  int status = normalizeText(text, length, &normalized, &kept);
   if (status != kOk) {
     LOG_ERROR("normlizeText error");
     return status;
   }
-  if (normalized_length != nullptr) *normalized_length = normalized.length;
-  if (normalized.length < DLP_SLIDE_WINDOW) {
-    LOG_INFO("normalized file too short (%d)", normalized.length);
+  if (normalized_length != nullptr) *normalized_length = kept;
+  if (kept < DLP_SLIDE_WINDOW) {
+    LOG_INFO("normalized file too short (%d)", kept);
     return kOk;
   }
 
@@ -207,8 +199,8 @@ int getSignatureClient(const unsigned char* text, int length, Signature** signat
     return kErrMem;
   }
   uint32_t selected = 0;
-  const unsigned char* const begin = normalized.bytes.get();
-  status = scan(begin, begin + normalized.length - (DLP_SLIDE_WINDOW - 1),
+  const unsigned char* const begin = normalized.get();
+  status = scan(begin, begin + kept - (DLP_SLIDE_WINDOW - 1),
                 {.hvs = hvs.get(),
                  .sigs = sigs.get(),
                  .capacity = kClientWindows,
@@ -242,19 +234,20 @@ int getSignatureServer(const unsigned char* text, int length, Signature** signat
     LOG_INFO("file too short (%d)", length);
     return kOk;
   }
-  NormalizedText normalized;
-  int status = normalizeWithinLimit(text, length, &normalized);
+  MallocArray<unsigned char> normalized;
+  int kept = 0;
+  int status = normalizeText(text, length, &normalized, &kept);
   if (status != kOk) {
     LOG_INFO("normalizeText error");
     return status;
   }
-  if (normalized_length != nullptr) *normalized_length = normalized.length;
-  if (normalized.length < DLP_SLIDE_WINDOW) {
-    LOG_INFO("normalized file too short (%d)", normalized.length);
+  if (normalized_length != nullptr) *normalized_length = kept;
+  if (kept < DLP_SLIDE_WINDOW) {
+    LOG_INFO("normalized file too short (%d)", kept);
     return kOk;
   }
 
-  const uint32_t text_length = static_cast<uint32_t>(normalized.length);
+  const uint32_t text_length = static_cast<uint32_t>(kept);
   const uint32_t pieces = text_length / DLP_PIECE_SIZE + 1;
   const uint32_t picks = pieces < DLP_PIECE_NUMBER ? DLP_PIECE_NUMBER / pieces : 1;
   const auto hvs = mallocArray<uint64_t>(size_t{pieces} * picks);
@@ -295,7 +288,7 @@ int getSignatureServer(const unsigned char* text, int length, Signature** signat
                             .count = &piece_count,
                             .last_hash = &last_hash,
                             .last_byte = &last_byte};
-  const unsigned char* const begin = normalized.bytes.get();
+  const unsigned char* const begin = normalized.get();
   const uint32_t windows = text_length - (DLP_SLIDE_WINDOW - 1);
   uint32_t picked = 0;
   for (uint32_t i = 0; i < pieces; ++i) {

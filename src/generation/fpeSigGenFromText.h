@@ -18,8 +18,9 @@
 #include "signature.h"
 
 // Hands out a copy of the bytes that carry text, in their order and otherwise
-// unchanged, upper and lower case included. Returns 0, or -4 when memory is
-// out.
+// unchanged, upper and lower case included, up to the maximum content size; the
+// text behind that is not looked at, so a huge one costs no more memory. A zero
+// follows the copy. Returns 0, or -4 when memory is out.
 int normalizeText(const unsigned char* text, int length, MallocArray<unsigned char>* normalized,
                   int* normalized_length);
 

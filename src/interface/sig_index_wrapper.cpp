@@ -3,6 +3,7 @@
 // Tests: tests/unit/interface/index_test.cpp.
 #define LOG_TAG "TESSERA_MODULE"
 
+#include <atomic>
 #include <string>
 
 #include "export_guard.h"
@@ -25,7 +26,8 @@ constexpr int64_t kRootFileId = -1;
 constexpr uint32_t kRootSource = 0xFFFFFFFF;
 constexpr Signature kRootSignature = {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}};
 
-uint32_t max_stbl_size = 0x80000000;  // bytes
+// Bytes. Set from any thread, and by several at once.
+std::atomic<uint32_t> max_stbl_size = 0x80000000;
 
 // The size of the table that an earlier session wrote, 0 when there is none.
 // It bears this name only when the configuration says so.

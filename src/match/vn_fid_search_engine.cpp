@@ -4,8 +4,11 @@
 
 #include "vn_fid_search_engine.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <utility>
 
 #include "log.h"
 #include "platform.h"
@@ -34,6 +37,22 @@ uint32_t sumOfRanges(const PrefixRange* ranges) {
     sum += ranges[prefix].end - ranges[prefix].start;
   }
   return sum;
+}
+
+// Entries whose sum is right may still be wrong one by one.
+bool rangesInside(const PrefixRange* ranges, uint32_t ele_num) {
+  return std::all_of(ranges, ranges + kPrefixCount, [ele_num](const PrefixRange& range) {
+    return range.start <= range.end && range.end <= ele_num;
+  });
+}
+
+// Null when memory is out: nothing may be thrown past a mutex that is held.
+std::shared_ptr<LoadedTables> newTables() {
+  try {
+    return std::make_shared<LoadedTables>();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 }  // namespace
@@ -90,7 +109,7 @@ int FidIndexSearchEngine::Init(MetaData* meta) {
     LOG_ERROR("Init search engine before configuring it");
     return kErrState;
   }
-  if (initialised_ != 0) release();
+  if (initialised()) release();
   int ret =
       gen_search_table_path(kTableDirectory, &wtbl_path_, &wmeta_path_, &stbl_path_, &smeta_path_);
   if (ret != kOk) {
@@ -115,8 +134,9 @@ int FidIndexSearchEngine::Init(MetaData* meta) {
     return kErrWeakTable;
   }
 
+  const auto tables = newTables();
   auto weak_sig_block = mallocArray<PrefixRange>(kPrefixCount);
-  if (!weak_sig_block) {
+  if (!tables || !weak_sig_block) {
     LOG_ERROR("no mem for weak_sig_block");
     return kErrMem;
   }
@@ -187,14 +207,17 @@ int FidIndexSearchEngine::Init(MetaData* meta) {
   } else if (!readWhole(file.get(), strong_sig_block.get(), kPrefixDirectoryBytes)) {
     LOG_ERROR("read file %s fail", smeta_path_);
     return kErrFile;
-  } else if (sumOfRanges(strong_sig_block.get()) != ele_num) {
+  } else if (sumOfRanges(strong_sig_block.get()) != ele_num ||
+             !rangesInside(strong_sig_block.get(), ele_num)) {
     LOG_ERROR("element nums from strong search table and its meta info differ");
     return kErrStrongTable;
   }
 
-  weak_sig_block_ = std::move(weak_sig_block);
-  strong_sig_block_ = std::move(strong_sig_block);
-  initialised_ = 1;
+  tables->meta = *meta;
+  tables->ele_num = ele_num;
+  tables->weak_sig_block = std::move(weak_sig_block);
+  tables->strong_sig_block = std::move(strong_sig_block);
+  tables_ = tables;
   return kOk;
 }
 
@@ -222,8 +245,14 @@ int FidIndexSearchEngine::getSearchTableMetaData(MetaData* meta) const {
 }
 
 void FidIndexSearchEngine::release() {
-  weak_sig_block_.reset();
-  strong_sig_block_.reset();
+  tables_.reset();
   wtbl_path_[0] = wmeta_path_[0] = stbl_path_[0] = smeta_path_[0] = '\0';
-  initialised_ = 0;
+}
+
+// Stores the elements of the strong table as it is open now. Returns 0; -5 when
+// it has no proper size, or another one than at the loading.
+int FidIndexSearchEngine::countElements(platform::File* strong_table, uint32_t* ele_num) const {
+  const int ret = chk_search_table_ele_num(strong_table, ele_num);
+  if (ret != kOk) return ret;
+  return tables_ && *ele_num == tables_->ele_num ? kOk : kErrFile;
 }

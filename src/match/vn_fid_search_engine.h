@@ -9,12 +9,21 @@
 //     --process_fid_info--> the files with their hit counts, five per source
 //
 // vn_fid_search_engine.cpp has the loading, _range.cpp the first step, _rank.cpp
-// the other two. The engine has no lock: loading and releasing must not run
-// beside anything, while searches only read it and may run side by side. The
-// steps are public for the tests. Tests: tests/unit/match/vn_fid_search_engine_*.
+// the other two. What is loaded never changes and is counted: a copy of the
+// engine shares it, and searches with it while the original is released or
+// loads other tables. The engine has no lock: loading, releasing and copying
+// must not run beside each other, while searches only read it and may run side
+// by side. The steps are public for the tests.
+//
+// The strong table on disk may be rewritten at any time, by another process
+// too. Its element count must be the one of the loading, both when a step opens
+// it and after the last read, or the step fails: a directory and a table that
+// do not belong together must not give an answer.
+// Tests: tests/unit/match/vn_fid_search_engine_*.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "meta_data.h"
 #include "platform.h"
@@ -50,6 +59,14 @@ struct QueryRanges {
   uint32_t* en_pos;
 };
 
+// What a search needs to know of tables that it does not hold in memory.
+struct LoadedTables {
+  MetaData meta;                              // the weak side's record
+  uint32_t ele_num = 0;                       // elements of the strong table
+  MallocArray<PrefixRange> weak_sig_block;    // kPrefixCount entries
+  MallocArray<PrefixRange> strong_sig_block;  // kPrefixCount entries
+};
+
 inline constexpr uint32_t kTableNameSize = 40;
 inline constexpr uint32_t kTablePathSize = 210;
 using TableName = char[kTableNameSize];
@@ -79,8 +96,9 @@ class FidIndexSearchEngine {
   // -5.
   int getSearchTableMetaData(MetaData* meta) const;
 
-  void release();  // undoes Init
-  bool initialised() const { return initialised_ != 0; }
+  void release();  // undoes Init; copies of the engine keep what it had loaded
+  bool initialised() const { return tables_ != nullptr; }
+  const MetaData& meta() const { return tables_->meta; }  // what Init stored; needs Init
 
   // The whole search; needs Init. Fills `ranges` for `sig_num` signatures,
   // ascending, of which *sig_find_num were found, and hands out *fid_num files
@@ -142,9 +160,9 @@ class FidIndexSearchEngine {
 
  private:
   uint32_t loadLimit() const;
+  int countElements(platform::File* strong_table, uint32_t* ele_num) const;
 
   uint32_t configured_ = 0;
-  uint32_t initialised_ = 0;
   uint32_t sig_length_ = 0;        // kept, not used
   uint32_t max_sig_num_load_ = 0;  // kept, not used
   uint32_t max_ele_num_load_ = 0;  // elements
@@ -156,8 +174,7 @@ class FidIndexSearchEngine {
   TablePath wmeta_path_ = "";
   TablePath stbl_path_ = "";
   TablePath smeta_path_ = "";
-  MallocArray<PrefixRange> weak_sig_block_;    // kPrefixCount entries
-  MallocArray<PrefixRange> strong_sig_block_;  // kPrefixCount entries
+  std::shared_ptr<const LoadedTables> tables_;  // null when nothing is loaded
 };
 
 // The elements that a search loads at once, at most. Two at the least: halving

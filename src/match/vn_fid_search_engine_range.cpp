@@ -9,10 +9,10 @@
 // elements is above the load limit the file is probed for single elements; from
 // there on the stretch is loaded and the same goes on in memory.
 //
-// Positions come from the directory, that is from a file: a stretch is held
-// against the size of the table before it is loaded. A probe beyond the table
-// fails to be read, or reads some element; the load that ends every lookup then
-// fails.
+// Positions come from the directory, that is from a file. The loading refuses
+// entries that leave the table, and a stretch is held against its size once more
+// before it is loaded. A probe beyond the table would fail to be read, or read
+// some element; the load that ends every lookup then fails.
 // Tests: tests/unit/match/vn_fid_search_engine_range_test.cpp and, against a
 // linear search, tests/property/match_property_test.cpp.
 
@@ -108,7 +108,7 @@ int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* si
     return kErrFile;
   }
   StrongTable table = {file.get(), 0};
-  int ret = chk_search_table_ele_num(file.get(), &table.ele_num);
+  int ret = countElements(file.get(), &table.ele_num);
   if (ret != kOk) {
     LOG_ERROR("get size of file %s fail", stbl_path_);
     return ret;
@@ -127,7 +127,7 @@ int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* si
   std::fill_n(ranges.st_pos, sig_num, 0);
   std::fill_n(ranges.en_pos, sig_num, 0);
 
-  const PrefixRange* const directory = strong_sig_block_.get();
+  const PrefixRange* const directory = tables_->strong_sig_block.get();
   for (uint32_t i = 0; i < sig_num; ++i) {
     bOut[i] = directory[signaturePrefix(signatures[i])].end == 0 ? 1 : 0;
   }
@@ -157,7 +157,10 @@ int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* si
     }
     *sig_find_num += found_num;
   }
-  return kOk;
+  // A table rewritten meanwhile may have been read in two states.
+  ret = countElements(file.get(), &table.ele_num);
+  if (ret != kOk) LOG_ERROR("get size of file %s fail", stbl_path_);
+  return ret;
 }
 
 int FidIndexSearchEngine::dbinary_find_signature_range(const StrongTable& table,

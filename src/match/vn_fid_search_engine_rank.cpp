@@ -65,17 +65,22 @@ int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRa
     return kErrFile;
   }
   uint32_t ele_num = 0;
-  const int ret = chk_search_table_ele_num(file.get(), &ele_num);
+  int ret = countElements(file.get(), &ele_num);
   if (ret != kOk) {
     LOG_ERROR("get size of file %s fail", stbl_path_);
     return ret;
   }
 
   // A repeated signature's range counts every time, so the sum may outgrow the
-  // 32 bits of the count.
+  // 32 bits of the count. What is not in the table is neither counted nor read.
   uint64_t hits = 0;
   for (uint32_t i = 0; i < sig_num; ++i) {
-    if (ranges.bFind[i] != 0) hits += ranges.en_pos[i] - ranges.st_pos[i];
+    if (ranges.bFind[i] == 0) continue;
+    if (ranges.st_pos[i] > ranges.en_pos[i] || ranges.en_pos[i] > ele_num) {
+      LOG_ERROR("read strong search table file fail");
+      return kErrFile;
+    }
+    hits += ranges.en_pos[i] - ranges.st_pos[i];
   }
   *fsid_num = static_cast<uint32_t>(hits);
   if (hits == 0) {
@@ -127,6 +132,12 @@ int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRa
       out = appendPairs(buffer.get() + (ranges.st_pos[k] - start),
                         buffer.get() + (ranges.en_pos[k] - start), out);
     }
+  }
+  // A table rewritten meanwhile may have been read in two states.
+  ret = countElements(file.get(), &ele_num);
+  if (ret != kOk) {
+    LOG_ERROR("get size of file %s fail", stbl_path_);
+    return ret;
   }
   *fsid = std::move(pairs);
   return kOk;

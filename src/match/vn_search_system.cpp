@@ -23,9 +23,9 @@ int search_sys_inited = 0;  // guarded by search_sys_init_mutex
 // without.
 std::atomic<int> search_engine_started = 0;
 
-// Set while the engine is not started, so that searches may read them.
-int64_t search_table_fid_base = 0;
-uint32_t search_table_sig_gen_level = 0;
+// Guarded like the flag but for its configuration, which the initialisation
+// sets. A search works with a copy, so it keeps the tables that it began with
+// and their meta data, whatever is stopped or started meanwhile.
 FidIndexSearchEngine engine;
 
 }  // namespace
@@ -51,8 +51,6 @@ int vnInitSearchSystem() {
       LOG_ERROR("init search system fail");
       return ret;
     }
-    search_table_fid_base = 0;
-    search_table_sig_gen_level = 0;
     search_sys_inited = 1;
   }
   if (pthread_mutex_unlock(&search_sys_init_mutex) != 0) {
@@ -122,9 +120,7 @@ int vnStartSearchEngine(const char*, int, uint32_t* level) {
       return ret;
     }
     LOG_INFO("search engine start");
-    search_table_fid_base = meta.fid_base;
-    search_table_sig_gen_level = meta.sig_gen_level;
-    if (level != nullptr) *level = search_table_sig_gen_level;
+    if (level != nullptr) *level = meta.sig_gen_level;
     search_engine_started = 1;
   }
   if (pthread_mutex_unlock(&search_engine_mutex) != 0) {
@@ -147,6 +143,7 @@ int vnSearchSignatures(uint32_t sig_num, const Signature* signatures, int fsz,
     pthread_mutex_unlock(&search_engine_mutex);
     return kErrState;
   }
+  const FidIndexSearchEngine search = engine;
   if (pthread_mutex_unlock(&search_engine_mutex) != 0) {
     LOG_ERROR("unlock search_engine_mutex fail");
     return kErrState;
@@ -183,7 +180,7 @@ int vnSearchSignatures(uint32_t sig_num, const Signature* signatures, int fsz,
 
   const QueryRanges ranges = {ret.bFind.get(), ret.st_pos.get(), ret.en_pos.get()};
   MallocArray<FsidPair> pairs;
-  int status = engine.SearchSignatures(sig_num, signatures, &ret.sig_find_num, ranges, &ret.fid_num,
+  int status = search.SearchSignatures(sig_num, signatures, &ret.sig_find_num, ranges, &ret.fid_num,
                                        &pairs, &ret.freq);
   if (status != kOk) {
     LOG_ERROR("search engine fail");
@@ -208,7 +205,7 @@ int vnSearchSignatures(uint32_t sig_num, const Signature* signatures, int fsz,
   }
   for (uint32_t i = 0; i < ret.fid_num; ++i) {
     // Unsigned: a base near the end of the numbers must not overflow.
-    ret.fileID[i] = static_cast<int64_t>(static_cast<uint64_t>(search_table_fid_base) +
+    ret.fileID[i] = static_cast<int64_t>(static_cast<uint64_t>(search.meta().fid_base) +
                                          static_cast<uint64_t>(int64_t{pairs[i].fid}));
     ret.srcID[i] = static_cast<uint32_t>(pairs[i].source);
   }
@@ -264,8 +261,6 @@ int vnStopSearchEngine() {
   }
   if (search_engine_started != 0) {
     engine.release();
-    search_table_fid_base = 0;
-    search_table_sig_gen_level = 0;
     search_engine_started = 0;
   } else {
     LOG_INFO("search engine already stopped");

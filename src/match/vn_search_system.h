@@ -6,9 +6,10 @@
 //                                     +-------vnStopSearchEngine---------+
 //
 // It stays initialised for the life of the process, so the configuration file
-// is read once. Searches run side by side without a lock and must not run beside
-// a stop. All functions return 0, or a negative status: -1 for a wrong state or a
-// mutex that fails, else what the step that failed returned.
+// is read once. Searches run side by side without a lock, also beside a stop and
+// a new start: they end with the tables that they began with. All functions
+// return 0, or a negative status: -1 for a wrong state or a mutex that fails,
+// else what the step that failed returned.
 // Tests: tests/unit/match/vn_search_system_test.cpp.
 #pragma once
 
@@ -54,7 +55,8 @@ int vnStartSearchEngine(const char* index_name, int number, uint32_t* level);
 int vnSearchSignatures(uint32_t sig_num, const Signature* signatures, int fsz,
                        SearchResult* search_ret);
 
-// Releases the tables; a stopped engine is left as it is.
+// Releases the tables, once the searches under way are done with them; a stopped
+// engine is left as it is.
 int vnStopSearchEngine();
 
 int is_search_system_init(int* inited);

@@ -91,6 +91,47 @@ TEST_F(Normalisation, WithoutMemoryGivesNoCopy) {
   expectLog("Error", "#<normalizeText>#no mem for text2");
 }
 
+TEST_F(Normalisation, StopsAtTheMaximumContentSize) {
+  const std::string text = " a.b c,d  e ";
+  for (const auto& [limit, kept] : {std::pair{0, ""},
+                                    {1, "a"},
+                                    {2, "ab"},
+                                    {4, "abcd"},
+                                    {5, "abcde"},
+                                    {6, "abcde"},
+                                    {1000, "abcde"}}) {
+    setMaxContentSize(limit);
+    EXPECT_EQ(kept, normalised(text));
+  }
+  setMaxContentSize(-2);
+  EXPECT_EQ("", normalised(text));
+}
+
+// The runs of the copy grow shorter towards the limit, whatever is dropped.
+TEST_F(Normalisation, KeepsTheSameBytesWhereverItStops) {
+  std::string text;
+  for (size_t i = 0; i < 40; ++i) {
+    text += documents::letters(i * 7 % 5, i) + std::string(i * 3 % 4, ' ');
+  }
+  for (int limit = 0; limit < 100; ++limit) {
+    setMaxContentSize(limit);
+    EXPECT_EQ(twin::normalised(text, static_cast<size_t>(limit)), normalised(text)) << limit;
+  }
+}
+
+// A text near the largest length would otherwise cost as much again.
+TEST_F(Normalisation, AsksForNoMoreMemoryThanIsKept) {
+  FailPoint point;
+  const std::string text(100000, ' ');
+  setMaxContentSize(1000);
+  point.fail(Call::kAllocate, 0);
+  EXPECT_EQ("", normalised(text));
+  EXPECT_EQ(1001u, point.bytesAllocated());
+  point.fail(Call::kAllocate, 0);
+  EXPECT_EQ("", normalised(text.substr(0, 10)));
+  EXPECT_EQ(11u, point.bytesAllocated());
+}
+
 // ---- Range scanners ----
 
 struct Scan {
@@ -445,6 +486,22 @@ TEST_P(SignatureSelection, WhatLiesBehindTheMaximumContentSizeDoesNotCount) {
   EXPECT_EQ(of(text.substr(0, 1500)).list, cut.list);
 }
 
+TEST_P(SignatureSelection, ALongTextCostsTwiceTheMaximumContentSizeAndAMegabyteAtMost) {
+  constexpr size_t kLimit = 1 << 20;
+  setMaxContentSize(kLimit);
+  std::string text;
+  const std::string part = documents::letters(1000, 8) + std::string(1000, '.');
+  while (text.size() < 12 * kLimit) text += part;
+  FailPoint point;
+  point.fail(Call::kAllocate, 0);
+  const Selection result = of(text);
+  EXPECT_EQ(static_cast<int>(kLimit), result.normalized_length);
+  EXPECT_GE(2 * kLimit + (1 << 20), point.bytesAllocated());
+  const twin::List expected = server() ? twin::server(Family::kKarpRabin, text, kLimit)
+                                       : twin::client(Family::kKarpRabin, text, kLimit);
+  EXPECT_EQ(expected, result.list);
+}
+
 // The byte behind the text that is scanned.
 int byte_behind_text = -1;
 
@@ -455,6 +512,7 @@ int noteByteBehindText(const unsigned char*, const unsigned char* end, const Sca
 }
 
 TEST_P(SignatureSelection, ACutTextIsFollowedByAZero) {
+  FailPoint point;  // new memory is not zero anyway
   setMaxContentSize(500);
   const std::string text = documents::letters(1000, 4);
   Signature* list = nullptr;

@@ -6,6 +6,7 @@
 
 #include "documents.h"
 #include "fail_point.h"
+#include "hooked_system.h"
 #include "log_capture.h"
 #include "plain_tables.h"
 #include "status.h"
@@ -561,24 +562,48 @@ TEST_F(RangeSearch, AFailedBatchIsNamedAndTheCountBeforeItStands) {
   EXPECT_EQ("dbinary_find_signature_range fail on sig (2 -- 3)", messages().back());
 }
 
-TEST_F(RangeSearch, AStrongTableEmptiedSinceTheLoadingIsAFileError) {
-  load(evenPlaces(10), 100);
-  file.reset();
-  dir.write("sig_index_DB/search_table.stbl", "");
-  EXPECT_EQ(kErrFile, search({at(0)}));
-  EXPECT_EQ((Messages{"Error: no element in strong search table file",
-                      "get size of file sig_index_DB/search_table.stbl fail"}),
-            messages());
+// Elements at the even places up to 18, and what a rewritten table may hold: less,
+// as much as nothing, or more. None of it goes with the directory in memory.
+TEST_F(RangeSearch, AStrongTableOfAnotherSizeThanAtTheLoadingIsAFileError) {
+  const std::string path = "sig_index_DB/search_table.stbl";
+  const std::string failure = "get size of file " + path + " fail";
+  const struct {
+    int elements;
+    Messages messages;
+  } cases[] = {{0, {"Error: no element in strong search table file", failure}},
+               {9, {failure}},
+               {11, {failure}}};
+  for (const uint32_t limit : {2u, 100u}) {
+    for (const auto& c : cases) {
+      load(evenPlaces(10), limit);
+      file.reset();
+      dir.write(path, plain_tables::make(evenPlaces(c.elements), {}).stbl);
+      EXPECT_EQ(kErrFile, search({at(0)}));  // it would still be found, but for the first case
+      EXPECT_EQ(c.messages, messages());
+      EXPECT_EQ("FidIndexSearchEngine::SearchSignatures", log.lines().back().function);
+      EXPECT_EQ(kErrFile, search({at(0, 0x55)}));  // whether or not it needs the table
+    }
+  }
 }
 
-TEST_F(RangeSearch, AStrongTableCutSinceTheLoadingIsAFileError) {
+// What is read after the rewriting has begun is not what the directory tells of.
+TEST_F(RangeSearch, AStrongTableRewrittenDuringTheSearchIsAFileError) {
+  const std::string path = "sig_index_DB/search_table.stbl";
   for (const uint32_t limit : {2u, 100u}) {
     load(evenPlaces(10), limit);
-    file.reset();
-    dir.write("sig_index_DB/search_table.stbl",
-              dir.read("sig_index_DB/search_table.stbl").substr(0, 4 * 16));
-    EXPECT_EQ(kErrFile, search({at(18)}));
+    HookedSystem hooked;
+    hooked.beforeRead(1, ".stbl",
+                      [&] { dir.write(path, plain_tables::make(evenPlaces(30, 0x10), {}).stbl); });
+    EXPECT_EQ(kErrFile, search({at(4)}));
+    EXPECT_TRUE(log.has("get size of file " + path + " fail"));
   }
+}
+
+TEST_F(RangeSearch, ASearchWithoutLoadedTablesIsAFileError) {
+  load(evenPlaces(10), 100);
+  dir.write("sig_index_DB/search_table.smeta", "");
+  ASSERT_EQ(kErrFile, engine.Init(&meta));
+  EXPECT_EQ(kErrFile, search({at(0)}));
 }
 
 // ---- The whole search ---------------------------------------------------------
@@ -651,6 +676,48 @@ TEST_F(WholeSearch, AFailedStepIsNamedAndLeavesNoFiles) {
   EXPECT_FALSE(freq);
 }
 
+TEST_F(WholeSearch, AHugeLoadLimitReservesNoMoreThanTheTable) {
+  std::vector<StrongElement> elements = evenPlaces(100, 0x1f);
+  for (const StrongElement& more : evenPlaces(3000)) elements.push_back(more);
+  for (const uint32_t limit : {0xffffffffu, 0xffffffa0u, 0x80000000u, 0x10000001u}) {
+    load(elements, limit);
+    HookedSystem hooked;
+    ASSERT_EQ(kOk, searchAll({at(4), at(5), at(40), at(9999)}));
+    EXPECT_EQ(2u, found_num);
+    EXPECT_EQ(3100 * sizeof(StrongElement), hooked.largestAllocation());
+    EXPECT_TRUE(messages().empty());  // loaded whole: nothing was probed
+  }
+}
+
+// The second step opens the table anew, and it may be another one by then.
+TEST_F(WholeSearch, AStrongTableRewrittenBetweenTheStepsIsAFileError) {
+  const std::string path = "sig_index_DB/search_table.stbl";
+  load(evenPlaces(10), 100);
+  HookedSystem hooked;
+  hooked.beforeOpen(2, ".stbl",
+                    [&] { dir.write(path, plain_tables::make(evenPlaces(11, 0x10), {}).stbl); });
+  EXPECT_EQ(kErrFile, searchAll({at(4)}));
+  EXPECT_EQ((Messages{"get size of file " + path + " fail", "build_sig_fid_info_tbl fail"}),
+            messages());
+  EXPECT_FALSE(fid_info);
+}
+
+// A copy shares what was loaded, which outlives the original's release.
+TEST_F(WholeSearch, ACopySearchesOnAfterTheOriginalsRelease) {
+  load(evenPlaces(10), 4);
+  const FidIndexSearchEngine copy = engine;
+  engine.release();
+  EXPECT_FALSE(engine.initialised());
+  EXPECT_TRUE(copy.initialised());
+  EXPECT_EQ(100, copy.meta().fid_base);
+  prepare({at(2), at(3)});
+  EXPECT_EQ(kOk, copy.SearchSignatures(2, query.data(), &found_num, ranges(), &fid_num, &fid_info,
+                                       &freq));
+  EXPECT_EQ(1u, found_num);
+  ASSERT_EQ(1u, fid_num);
+  EXPECT_EQ(1, fid_info[0].fid);
+}
+
 TEST_F(WholeSearch, ThreadsSearchSideBySide) {
   std::vector<StrongElement> elements;
   for (int i = 0; i < 400; ++i) {
@@ -686,21 +753,19 @@ TEST_F(WholeSearch, ThreadsSearchSideBySide) {
 
 // ---- Tables and queries that are not what they should be --------------------------
 
-// Whatever the directory says, nothing outside the table is read or reserved.
-TEST_F(RangeSearch, DirectoryRangesBeyondTheTableFailAsAShortRead) {
+// The loading lets no such range through; nothing outside the table is read or
+// reserved all the same.
+TEST_F(RangeSearch, RangesBeyondTheTableFailAsAShortRead) {
   const struct {
-    uint32_t start, end;
+    uint32_t low, high;
   } hostile[] = {{0, 11},         {9, 12},  {0, 0x7fffffff}, {10, 5}, {0xfffffff0, 0xffffffff},
                  {0xffffffff, 1}, {12, 11}, {0, 0xffffffff}};
   for (const auto& range : hostile) {
     for (const uint32_t limit : {2u, 100u, 0xffffffffu}) {
-      SCOPED_TRACE(testing::Message() << range.start << " " << range.end << " limit " << limit);
-      plain_tables::Tables tables = plain_tables::make(evenPlaces(10), {1, 1});
-      setRange(&tables.smeta, 0x2000, range.start, range.end);
-      // Another entry brings the sum back to what the table has.
-      setRange(&tables.smeta, 0x4000, range.end - range.start, 10);
-      load(tables, limit);
-      const int ret = search({at(0), at(9), at(99)});
+      SCOPED_TRACE(testing::Message() << range.low << " " << range.high << " limit " << limit);
+      load(evenPlaces(10), limit);
+      HookedSystem hooked;
+      const int ret = searchBatch({at(0), at(9), at(99)}, range.low, range.high);
       if (ret == kOk) {  // all it needed was within the table
         for (size_t i = 0; i < 3; ++i) {
           EXPECT_TRUE(bFind[i] == 0 || en_pos[i] <= 10);
@@ -708,19 +773,15 @@ TEST_F(RangeSearch, DirectoryRangesBeyondTheTableFailAsAShortRead) {
       } else {
         EXPECT_EQ(kErrFile, ret);
       }
+      EXPECT_LT(hooked.largestAllocation(), 10000u);
     }
   }
 }
 
-TEST_F(RangeSearch, ADirectoryRangeThatEndsBeforeItStartsIsAFailedLoad) {
-  plain_tables::Tables tables = plain_tables::make(evenPlaces(10), {1, 1});
-  setRange(&tables.smeta, 0x2000, 10, 5);
-  setRange(&tables.smeta, 0x4000, 0, 15);
-  load(tables, 100);
-  EXPECT_EQ(kErrFile, search({at(0)}));
-  EXPECT_EQ((Messages{"load element from strong search table file fail",
-                      "dbinary_find_signature_range fail on sig (0 -- 1)"}),
-            messages());
+TEST_F(RangeSearch, ARangeThatEndsBeforeItStartsIsAFailedLoad) {
+  load(evenPlaces(10), 100);
+  EXPECT_EQ(kErrFile, searchBatch({at(0)}, 10, 5));
+  EXPECT_EQ(Messages{"load element from strong search table file fail"}, messages());
 }
 
 TEST_F(RangeSearch, AnEmptyDirectoryRangeIsAStateError) {

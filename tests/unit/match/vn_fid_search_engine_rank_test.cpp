@@ -6,6 +6,7 @@
 #include "adversary.h"
 #include "documents.h"
 #include "fail_point.h"
+#include "hooked_system.h"
 #include "log_capture.h"
 #include "plain_tables.h"
 #include "status.h"
@@ -41,6 +42,18 @@ class Ranking : public testing::Test {
     IndexSysConfiguration configuration;
     configuration.max_ele_num_load = max_ele_num_load;
     ASSERT_EQ(kOk, engine.setConfig(configuration));
+    MetaData meta;
+    ASSERT_EQ(kOk, engine.Init(&meta));
+    log.clear();
+  }
+
+  // The files of load(20), and a table that pretends to have `ele_num` elements.
+  void loadHuge(HookedSystem* hooked, uint32_t ele_num) {
+    load(20, 100);
+    std::string smeta = dir.read("sig_index_DB/search_table.smeta");
+    plain_tables::setRange(&smeta, 0, 0, ele_num);
+    dir.write("sig_index_DB/search_table.smeta", smeta);
+    hooked->pretendSize(".stbl", int64_t{ele_num} * 16);
     MetaData meta;
     ASSERT_EQ(kOk, engine.Init(&meta));
     log.clear();
@@ -169,6 +182,8 @@ TEST_F(Ranking, RangesThatDoNotAscendAreReadCompletely) {
     EXPECT_EQ((std::vector<int>{10, 11, 12, 2, 3, 2, 3, 4, 5, 6, 7, 8, 3, 4, 19}), files());
     ASSERT_EQ(kOk, build({{1, 10, 13}, {1, 9, 12}, {1, 2, 6}, {1, 3, 4}}));
     EXPECT_EQ((std::vector<int>{10, 11, 12, 9, 10, 11, 2, 3, 4, 5, 3}), files());
+    ASSERT_EQ(kOk, build({{1, 10, 13}, {1, 9, 14}, {1, 8, 14}}));  // of an unsorted table, too
+    EXPECT_EQ((std::vector<int>{10, 11, 12, 9, 10, 11, 12, 13, 8, 9, 10, 11, 12, 13}), files());
   }
 }
 
@@ -182,7 +197,8 @@ TEST_F(Ranking, WithoutHitsThereIsNothingToExtract) {
 
 // 2 GiB are 134217728 elements.
 TEST_F(Ranking, ElementsFrom2GiBOnCannotBeReached) {
-  load(20, 100);
+  HookedSystem hooked;
+  loadHuge(&hooked, 134217729);
   EXPECT_EQ(kErrFile, build({{1, 134217728, 134217729}}));
   expectMessages({"fseek strong search table file fail"}, "build_sig_fid_info_tbl");
   EXPECT_FALSE(fsid);
@@ -191,12 +207,14 @@ TEST_F(Ranking, ElementsFrom2GiBOnCannotBeReached) {
 }
 
 TEST_F(Ranking, MoreHitsThan32BitsCanCountAreTooManyForTheMemory) {
-  load(20, 100);
-  FailPoint point;
-  point.fail(Call::kAllocate, 0);
-  EXPECT_EQ(kErrMem, build({{1, 0, 0x80000000}, {1, 0, 0x80000000}}));
+  HookedSystem hooked;
+  loadHuge(&hooked, 0x4000000);
+  EXPECT_EQ(kErrMem, build(std::vector<Found>(64, {1, 0, 0x4000000})));  // 2^32
   expectMessages({"no mem for fsid"}, "build_sig_fid_info_tbl");
-  EXPECT_EQ(1, point.count());  // the test's own
+  EXPECT_EQ(kErrMem, build(std::vector<Found>(65, {1, 0, 0x4000000})));
+  expectMessages({"no mem for fsid"}, "build_sig_fid_info_tbl");
+  EXPECT_FALSE(fsid);
+  EXPECT_LT(hooked.largestAllocation(), 1000000u);
 }
 
 TEST_F(Ranking, FailuresOfReadingTheHitsHaveTheirMessages) {
@@ -225,12 +243,50 @@ TEST_F(Ranking, FailuresOfReadingTheHitsHaveTheirMessages) {
   }
 }
 
+// Nothing is read or reserved for them, wherever they stand in the query.
 TEST_F(Ranking, RangesBeyondTheTableAreAFailedRead) {
-  load(20, 100);
-  for (const Found& found : {Found{1, 19, 21}, Found{1, 20, 21}, Found{1, 15, 4000}}) {
-    EXPECT_EQ(kErrFile, build({found}));
-    expectMessages({"read strong search table file fail"}, "build_sig_fid_info_tbl");
+  for (const uint32_t limit : {2u, 100u, 0xffffffffu}) {
+    load(20, limit);
+    HookedSystem hooked;
+    int reads = 0;
+    hooked.beforeRead(1, ".stbl", [&] { ++reads; });
+    for (const Found& found : {Found{1, 19, 21}, Found{1, 20, 21}, Found{1, 15, 4000},
+                               Found{1, 0, 0xffffffff}, Found{1, 0xffffffff, 0xffffffff},
+                               Found{1, 5, 4}, Found{1, 0xffffffff, 0}, Found{1, 0x80000000, 1}}) {
+      for (const std::vector<Found>& query :
+           {std::vector<Found>{found}, {{1, 2, 4}, found}, {found, {1, 2, 4}}}) {
+        EXPECT_EQ(kErrFile, build(query));
+        expectMessages({"read strong search table file fail"}, "build_sig_fid_info_tbl");
+        EXPECT_FALSE(fsid);
+      }
+    }
+    EXPECT_EQ(0, reads);
+    EXPECT_LT(hooked.largestAllocation(), 1000u);
   }
+}
+
+TEST_F(Ranking, ATableOfAnotherSizeThanAtTheLoadingIsAFileError) {
+  const std::string path = "sig_index_DB/search_table.stbl";
+  load(20, 100);
+  const std::string table = dir.read(path);
+  for (const std::string& other : {table.substr(16), table + table.substr(0, 16)}) {
+    dir.write(path, other);
+    HookedSystem hooked;
+    hooked.beforeRead(1, ".stbl", [] { ADD_FAILURE() << "such a table need not be read"; });
+    EXPECT_EQ(kErrFile, build({{1, 2, 4}}));
+    expectMessages({"get size of file " + path + " fail"}, "build_sig_fid_info_tbl");
+    EXPECT_FALSE(fsid);
+  }
+}
+
+TEST_F(Ranking, ATableRewrittenWhileItIsReadIsAFileError) {
+  const std::string path = "sig_index_DB/search_table.stbl";
+  load(20, 6);
+  HookedSystem hooked;
+  hooked.beforeRead(2, ".stbl", [&] { dir.write(path, std::string(16 * 40, 'x')); });
+  EXPECT_EQ(kErrFile, build({{1, 2, 4}, {1, 12, 14}}));
+  expectMessages({"get size of file " + path + " fail"}, "build_sig_fid_info_tbl");
+  EXPECT_FALSE(fsid);
 }
 
 // ---- The sorts ------------------------------------------------------------------

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -229,6 +230,35 @@ TEST_F(SearchEngine, AStrongDirectoryThatCountsOneMoreThanTheTableGives113) {
   setRange(&tables.smeta, 0xffff, 3, 5);
   expectFailure(kErrStrongTable,
                 {"element nums from strong search table and its meta info differ"});
+}
+
+// Two good entries bring the sum of each case back to the four elements there are.
+TEST_F(SearchEngine, AStrongDirectoryEntryOutsideTheTableGives113) {
+  const struct {
+    uint32_t start, end;
+  } bent[] = {{4, 3}, {1, 0}, {0xffffffff, 0}, {4, 5}, {5, 5}, {0xfffffffe, 0xffffffff}};
+  const plain_tables::Tables whole = tables;
+  for (const auto& range : bent) {
+    SCOPED_TRACE(testing::Message() << range.start << " " << range.end);
+    const uint32_t missing = 4 - (range.end - range.start);
+    for (const uint32_t prefix : {0x0000u, 0x0001u, 0x8000u, 0xffffu}) {
+      tables = whole;
+      for (const uint32_t used : {0x0000u, 0x1234u, 0xffffu}) setRange(&tables.smeta, used, 0, 0);
+      setRange(&tables.smeta, prefix, range.start, range.end);
+      setRange(&tables.smeta, 0x7000, 0, std::min(missing, 4u));
+      setRange(&tables.smeta, 0x7001, 0, missing - std::min(missing, 4u));
+      expectFailure(kErrStrongTable,
+                    {"element nums from strong search table and its meta info differ"});
+    }
+  }
+}
+
+// Order and content are the business of whoever wrote the tables.
+TEST_F(SearchEngine, StrongDirectoryEntriesMayOverlapAndNeedNotAscend) {
+  setRange(&tables.smeta, 0x0000, 2, 4);
+  setRange(&tables.smeta, 0x1234, 4, 4);
+  setRange(&tables.smeta, 0xffff, 1, 3);
+  EXPECT_EQ(kOk, init());
 }
 
 TEST_F(SearchEngine, TheDirectoryIsSummedModulo32Bits) {

@@ -15,6 +15,7 @@
 
 #include "documents.h"
 #include "fail_point.h"
+#include "hooked_system.h"
 #include "log_capture.h"
 #include "match_twin.h"
 #include "plain_tables.h"
@@ -242,6 +243,16 @@ TEST_F(SearchSystem, TheUnlockAfterAFailedReadDoesNotTakeTheMutexFromItsHolder) 
   EXPECT_NE(0, status);
 }
 
+// The unlock is there all the same: who holds the mutex itself loses it.
+TEST_F(SearchSystem, TheUnlockAfterAFailedReadTakesTheMutexFromItsOwnThread) {
+  std::filesystem::remove("sig_index_DB/search_table.wmeta");
+  ASSERT_EQ(0, pthread_mutex_lock(&search_engine_mutex));
+  uint32_t level;
+  EXPECT_EQ(kErrFile, vnGetSearchTableSigGenLevel(&level, kIndex, 17));
+  EXPECT_EQ(0, pthread_mutex_trylock(&search_engine_mutex)) << "it is free";
+  EXPECT_EQ(0, pthread_mutex_unlock(&search_engine_mutex));
+}
+
 TEST_F(SearchSystem, StartStoresTheLevelWhenAsked) {
   uint32_t level = 99;
   EXPECT_EQ(kOk, vnStartSearchEngine(kIndex, 17, &level));
@@ -297,6 +308,52 @@ TEST_F(SearchSystem, AStartMayFollowAStopAndLoadsTheTablesOfThen) {
   ASSERT_EQ(kOk, search({at(1), at(100)}));
   ASSERT_EQ(1u, result.fid_num);
   EXPECT_EQ(-3, result.fileID[0]);
+}
+
+// Whichever of its two openings of the table the stop comes before.
+TEST_F(SearchSystem, ASearchEndsWithItsTablesWhenTheEngineIsStoppedMeanwhile) {
+  for (const int opening : {1, 2}) {
+    start();
+    ASSERT_EQ(kOk, search({at(19)}));
+    const uint32_t candidates = result.fid_num;
+    ASSERT_LT(0u, candidates);
+    HookedSystem hooked;
+    int stopped = -99;
+    hooked.beforeOpen(opening, ".stbl", [&] { stopped = vnStopSearchEngine(); });
+    EXPECT_EQ(kOk, search({at(19)}));
+    EXPECT_EQ(kOk, stopped);
+    EXPECT_EQ(candidates, result.fid_num);
+    EXPECT_EQ(kErrState, search({at(19)}));
+  }
+}
+
+// The same elements under another base, as after an index was made anew.
+TEST_F(SearchSystem, ASearchKeepsTheFileIdBaseItBeganWith) {
+  start();
+  HookedSystem hooked;
+  hooked.beforeOpen(1, ".stbl", [&] {
+    EXPECT_EQ(kOk, vnStopSearchEngine());
+    plain_tables::write(dir, plain_tables::make(elements, {500, 6}));
+    EXPECT_EQ(kOk, vnStartSearchEngine(kIndex, 17, nullptr));
+  });
+  ASSERT_EQ(kOk, search({at(0)}));
+  ASSERT_EQ(1u, result.fid_num);
+  EXPECT_EQ(10000000000 - 3, result.fileID[0]);
+  ASSERT_EQ(kOk, search({at(0)}));
+  EXPECT_EQ(500 - 3, result.fileID[0]);
+}
+
+TEST_F(SearchSystem, TablesRewrittenSinceTheStartFailEverySearchUntilTheNextStart) {
+  start();
+  elements.push_back(element(at(500), 7, 1));
+  plain_tables::write(dir, plain_tables::make(elements, {10000000000, 6}));
+  EXPECT_EQ(kErrFile, search({at(1)}));
+  EXPECT_EQ(kErrFile, search({at(500)}));
+  expectCandidates(false);
+  EXPECT_EQ(kOk, vnStopSearchEngine());
+  start();
+  ASSERT_EQ(kOk, search({at(500)}));
+  EXPECT_EQ(1u, result.fid_num);
 }
 
 TEST_F(SearchSystem, AQueryThatMatchesNothingIsASuccessWithoutCandidates) {
