@@ -29,7 +29,7 @@ NAMES = {
 }
 POSIX_LIBRARIES = {"libstdc++.so.6", "libgcc_s.so.1", "libc.so.6", "libm.so.6"}
 POSIX_LOADERS = re.compile(r"ld-linux.*\.so\.\d")
-WINDOWS_LIBRARIES = {"kernel32.dll", "msvcrt.dll"}
+WINDOWS_LIBRARIES = {"advapi32.dll", "kernel32.dll", "msvcrt.dll"}
 
 
 def output(*command):

@@ -61,6 +61,19 @@ Matches match(const Signatures& query, int fsz) {
   return matches;
 }
 
+int tryMatch(const Signatures& query, int fsz, Matches* matches) {
+  _DLPSigMatchRet any;
+  _DLPSigMatchRet* result = &any;
+  int count = 0;
+  const int status =
+      MatchSignature(exported(query), static_cast<int>(query.size()), fsz, &result, &count);
+  if (status != 0) return status;
+  matches->clear();
+  for (int i = 0; i < count; ++i) matches->push_back({result[i].fileID, result[i].match_level});
+  FreeSigMatchRet(result);
+  return 0;
+}
+
 TableFiles readTables(const TempDir& dir, const std::string& name) {
   TableFiles files;
   for (const char* suffix : {".wtbl", ".stbl", ".wmeta", ".smeta"}) {

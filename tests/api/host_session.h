@@ -22,6 +22,9 @@ int deleteDocuments(std::vector<int64_t> file_ids);
 // One whole search; fails the test unless it returns 0.
 Matches match(const Signatures& query, int fsz = 1);
 
+// One that may fail: stores the answer when it returns 0, and checks nothing.
+int tryMatch(const Signatures& query, int fsz, Matches* matches);
+
 // The four search tables of "sig_index_DB" below the current directory, as they
 // are and as they shall be.
 TableFiles readTables(const TempDir& dir, const std::string& name = "search_table");

@@ -1,6 +1,9 @@
 // Several threads of a host inside the built library at once. Meant above all
-// for the build with ThreadSanitizer.
+// for the build with ThreadSanitizer. TESSERA_THREAD_SECONDS lengthens the run
+// that ends by the clock.
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <functional>
 #include <thread>
 
@@ -123,6 +126,59 @@ TEST_F(Threads, SearchTheSameTables) {
       EXPECT_EQ(model.match(query, 1), match(query));
     }
   });
+}
+
+// A search beside a reload answers rightly or fails; it never waits, crashes or
+// answers from half of the tables.
+TEST_F(Threads, SearchBesideReloads) {
+  constexpr int kMatchers = 16;
+  const char* const text = std::getenv("TESSERA_THREAD_SECONDS");
+  const auto end = std::chrono::steady_clock::now() +
+                   std::chrono::seconds(text != nullptr ? std::atoi(text) : 2);
+  configure();
+  IndexModel model;
+  model.open();
+  ASSERT_EQ(0, InitIndexSystem());
+  for (int i = 0; i < 60; ++i) {
+    model.add(i, some(i % 20));
+    ASSERT_EQ(0, addDocument(i, some(i % 20)));
+  }
+  model.close();
+  ASSERT_EQ(0, ExitIndexSystem());
+  ASSERT_EQ(0, InitMatchSystem());
+  std::vector<Matches> expected;
+  for (int i = 0; i < 25; ++i) expected.push_back(model.match(some(i), 1));
+
+  std::atomic<bool> stop{false};
+  std::atomic<int> right{0}, wrong{0}, neither{0};
+  std::vector<std::thread> matchers;
+  for (int thread = 0; thread < kMatchers; ++thread) {
+    matchers.emplace_back([&, thread] {
+      for (int i = thread; !stop; ++i) {
+        Matches matches;
+        const int status = tryMatch(some(i % 25), 1, &matches);
+        if (status == 0) {
+          ++(matches == expected[static_cast<size_t>(i % 25)] ? right : wrong);
+        } else if (status != 1) {
+          ++neither;
+        }
+      }
+    });
+  }
+  int reloads = 0;
+  do {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(0, ExitMatchSystem());
+    EXPECT_EQ(0, InitMatchSystem());
+    ++reloads;
+  } while (std::chrono::steady_clock::now() < end);
+  stop = true;
+  for (std::thread& matcher : matchers) matcher.join();
+  EXPECT_EQ(0, wrong);
+  EXPECT_EQ(0, neither);
+  EXPECT_GT(right, 0);
+  EXPECT_GT(reloads, 0);
+  for (int i = 0; i < 25; ++i) EXPECT_EQ(expected[static_cast<size_t>(i)], match(some(i)));
 }
 
 // The three families know nothing of each other.
