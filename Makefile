@@ -1,11 +1,12 @@
 # Entry points; the work is done by the scripts of the same names.
 
-.PHONY: help demo test coverage clean
+.PHONY: help demo test coverage fuzz clean
 
 help:
 	@echo 'make demo      index texts of this machine and find five queries in them'
 	@echo 'make test      build and test everything: Linux, sanitizers, Windows under Wine'
 	@echo 'make coverage  run the tests with coverage and print it by folder'
+	@echo 'make fuzz      feed hostile inputs to all fuzz targets, 20 minutes each'
 	@echo 'make clean     remove build/'
 	@echo
 	@echo 'All of them work below build/ and install missing Debian packages first.'
@@ -18,6 +19,9 @@ test:
 
 coverage:
 	@scripts/coverage
+
+fuzz:
+	@scripts/fuzz
 
 clean:
 	rm -rf build

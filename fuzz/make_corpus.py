@@ -1,0 +1,254 @@
+"""Writes the seeds below fuzz/corpus: make_corpus.py DIRECTORY.
+
+The seeds of most targets are decisions, a byte or a few each, in the order in
+which the target takes them; this says what they mean. A seed goes out of date
+when its target changes, which only makes the fuzzer start from less. Inputs that
+showed a fault lie beside the seeds and are written by nobody.
+"""
+
+import pathlib
+import struct
+import sys
+
+root = pathlib.Path(sys.argv[1])
+
+
+def seed(target, name, *parts):
+    """Parts are byte strings, texts, and numbers of one byte."""
+    content = b"".join(
+        part if isinstance(part, bytes)
+        else part.encode() if isinstance(part, str)
+        else bytes([part])
+        for part in parts)
+    directory = root / target
+    directory.mkdir(parents=True, exist_ok=True)
+    (directory / name).write_bytes(content)
+
+
+def u16(value):
+    return struct.pack("<H", value)
+
+
+def u32(value):
+    return struct.pack("<I", value & 0xFFFFFFFF)
+
+
+# ---- config_loader: the file itself
+
+seed("config_loader", "all_keys", """sig_page_size=64
+fid_chunk_size = 128
+max_fid_num\t=\t2096
+max_fid_num_load=2096
+max_fid_num_save=4192
+max_sig_num_load=209600
+max_sig_num_save=419200
+max_ele_num_load=209600
+max_ele_num_save=209600
+fid_index_fname="fid_index"
+index_list_fname = "index_list"
+search_table_fname="search_table"\r
+""")
+seed("config_loader", "blank_lines_and_no_last_line_feed", " \t\r\n\b\f\n\n \tmax_fid_num = 12 ")
+seed("config_loader", "key_twice", "max_fid_num=1\nmax_fid_num=1\n")
+seed("config_loader", "name_of_29_and_of_30",
+     f'fid_index_fname="{"n" * 29}"\nsearch_table_fname="{"n" * 30}"\n')
+seed("config_loader", "line_of_258_then_of_259",
+     "k" * 255 + "=1\n", "k" * 256 + "=1\n")
+seed("config_loader", "line_of_261_without_end", "k" * 261)
+seed("config_loader", "values_of_the_wrong_kind",
+     'x=5\nmax_fid_num="word"\nfid_index_fname=7\n')
+seed("config_loader", "numbers_beyond_32_bits",
+     "max_fid_num=4294967296\nmax_ele_num_load=99999999999999999999999\n")
+seed("config_loader", "white_space_that_the_form_lets_pass",
+     '\vmax_fid_num=5\n\v="max_ele_num_load"\nx="a\vb"\ny="\r"\n')
+seed("config_loader", "nul_bytes", "max_fid_num=3\0=4\n\0max_ele_num_load=5\n")
+seed("config_loader", "equals_signs", "=5\n==5\n")
+
+# ---- config_rewriter: which file; number of pairs; pairs; the file
+
+seed("config_rewriter", "content_size", 0, 1, 16, "max_content_size", 7, "6291456",
+     "x=1\nMAX_Content_Size\t= 5 \r\nno setting\nmax_content_size=7\n")
+seed("config_rewriter", "appended_behind_a_line_without_end", 0, 1, 1, "a", 1, "b", "x=1")
+seed("config_rewriter", "into_nothing", 0, 2, 1, "a", 1, "b", 1, "c", 0)
+seed("config_rewriter", "read_from_another_file", 3, 1, 1, "a", 3, "b=c", "A=1\na=2\n\n\n")
+seed("config_rewriter", "keys_of_nothing", 0, 1, 0, 2, " v", "=1\n = 2\n===\n")
+
+# ---- generator: platform, kind, hash, maximum; how the text is made; the text
+
+WORDS = ("The quick brown fox jumps over the lazy dog, 17 times. " * 60).encode()
+SERVER, CLIENT, BINARY, ADLER = 1, 0, 6, 8
+RAW, ONE_BYTE, LETTERS, PASSAGE = range(4)
+for platform, of in ((SERVER, "server"), (CLIENT, "client")):
+    seed("generator", f"words_{of}", platform, RAW, WORDS[:3000])
+    seed("generator", f"letters_5000_{of}", platform, LETTERS, u16(5000), u32(1))
+    seed("generator", f"letters_2048_adler_{of}", platform | ADLER, LETTERS, u16(2048), u32(2))
+seed("generator", "60_letters", CLIENT, LETTERS, u16(60), u32(3))
+seed("generator", "61_letters", SERVER, LETTERS, u16(61), u32(3))
+# All 61-byte windows of this byte have a hash that 137 divides.
+for byte in range(65, 256):
+    hash_ = sum(byte * 8 ** (61 - i) for i in range(61)) % (2 ** 56 - 1)
+    if hash_ % 137 == 0 and (byte > 127 or chr(byte).isalpha()):
+        seed("generator", "every_window_counts_client", CLIENT, ONE_BYTE, u16(12000), byte)
+        seed("generator", "every_window_counts_server", SERVER, ONE_BYTE, u16(3000), byte)
+        break
+seed("generator", "binary_3_bytes", BINARY, RAW, "abc")
+seed("generator", "binary_100_bytes", BINARY, RAW, bytes(range(100)))
+seed("generator", "binary_10240_bytes", BINARY, LETTERS, u16(10240), u32(5))
+seed("generator", "patched_passage_maximum_1084", SERVER | 5 << 4, PASSAGE, u16(4000), 99,
+     WORDS[:100], u16(1020), 7, "patched!")
+
+# ---- tree_files: sessions, bends and seal; runs of records; file and place of a bend
+
+def run(tree, first, count, erase=False, step=1):
+    """Records of a tree, inserted or erased; the choice's low part is taken modulo 3."""
+    for choice in range((10 if erase else 0) << 4, 256):
+        if choice % 3 == tree and choice >> 2 & 3 == step - 1 and (choice >> 4 >= 10) == erase:
+            return bytes([choice, first, count - 1])
+    raise ValueError
+
+
+SEALED = 0x80
+GROWN = (run(0, 0, 60), run(1, 0, 60, step=2), run(2, 10, 40), run(0, 20, 30, erase=True),
+         run(1, 0, 1), run(2, 200, 5))  # the six steps of a session
+
+
+def bend(kind, at, *content):
+    return bytes([kind]) + u32(at) + bytes(content)
+
+
+seed("tree_files", "as_made", 0, *GROWN)
+seed("tree_files", "emptied_and_grown_again", 2, *GROWN, run(0, 0, 60, erase=True),
+     run(0, 0, 60, erase=True), run(1, 0, 60, erase=True, step=2), run(2, 0, 60, erase=True),
+     run(0, 5, 20), run(1, 5, 20), *GROWN)
+seed("tree_files", "byte_of_a_leaf", 1 << 2, *GROWN, 0, bend(2, 4096 + 40, 0, 77))
+seed("tree_files", "cut_node_file", 1 << 2, *GROWN, 2, bend(0, 5000))
+seed("tree_files", "root_below_itself", SEALED | 1 << 2, *GROWN, 2, bend(2, 4096 + 24, 7, 1, 0))
+seed("tree_files", "count_beyond_the_block", SEALED | 1 << 2, *GROWN, 0, bend(2, 4096 + 20, 3, 255, 255))
+seed("tree_files", "stack_of_blocks_in_use", SEALED | 1 << 2, *GROWN, 1, bend(2, 16, 0, 1))
+seed("tree_files", "height_of_the_header", SEALED | 1 << 2, *GROWN, 0, bend(2, 72, 0, 17))
+
+# ---- undo_journal: commits, bends and seal; runs of records; place of a bend
+
+COMMITTED = (run(0, 0, 60), run(1, 0, 60, step=2), run(2, 10, 40), run(0, 20, 30, erase=True),
+             run(1, 0, 1))  # the five steps before a commit
+UNDER_WAY = (run(0, 100, 60), run(0, 0, 20, erase=True), run(1, 30, 60), run(2, 100, 60),
+             run(2, 0, 60, erase=True))
+
+seed("undo_journal", "as_left_by_a_crash", 0, *COMMITTED, *UNDER_WAY)
+seed("undo_journal", "nothing_under_way", 0, *COMMITTED)
+seed("undo_journal", "of_a_second_batch", 1, *COMMITTED, *UNDER_WAY, *COMMITTED)
+seed("undo_journal", "page_0_damaged", 1 << 2, *COMMITTED, *UNDER_WAY, bend(2, 40, 0, 1))
+seed("undo_journal", "lengths_changed", SEALED | 1 << 2, *COMMITTED, *UNDER_WAY, bend(2, 40, 1, 0, 0))
+seed("undo_journal", "length_of_a_giant", SEALED | 1 << 2, *COMMITTED, *UNDER_WAY, bend(2, 46, 0, 1))
+seed("undo_journal", "record_of_another_file", SEALED | 1 << 2, *COMMITTED, *UNDER_WAY,
+     bend(2, 4100, 0, 5))
+seed("undo_journal", "record_cut", 1 << 2, *COMMITTED, *UNDER_WAY, bend(0, 6000))
+
+# ---- tables: load limit; what is bent; elements; query; bends
+
+
+def elements(*runs):
+    """Signature, fid, and source and length of the run."""
+    return bytes([len(runs) - 1]) + b"".join(
+        bytes([signature, fid & 255, run]) for signature, fid, run in runs)
+
+
+RUNS = elements((0, 1, 0), (8, 2, 31), (16, 3, 65), (1, 4, 5), (7, 5, 31), (71, 6, 127),
+                (6, 7, 33), (14, 250, 0), (5, 9, 1), (133, 9, 95))
+QUERY = bytes([40]) + bytes(range(0, 80, 2))
+KNOWN = bytes([20]) + bytes(range(1, 41, 2))
+for limit in (0, 2, 5, 8):
+    seed("tables", f"as_made_limit_{limit}", limit, 0, RUNS, QUERY)
+seed("tables", "as_made_known_signatures_again_and_again", 0, 0, RUNS, KNOWN)
+seed("tables", "unsorted_query", 3, 7, RUNS, QUERY)
+BEFORE, BETWEEN = 3 << 3, 7 << 5
+WEAK, STRONG, WEAK_META, STRONG_META = range(4)
+seed("tables", "entry_moved_beyond_the_table", 2, BEFORE, 0, RUNS, KNOWN,
+     STRONG_META | 0 << 2 | 0x20, 0, 0, u32(1000000))
+seed("tables", "entries_that_keep_their_sum", 2, BEFORE, 0, RUNS, KNOWN,
+     STRONG_META | 1 << 2 | 0x20, 0, 7, u32(-3))
+seed("tables", "entry_beyond_the_table_that_may_be_loaded_whole", 8, BEFORE, 0, RUNS, KNOWN,
+     STRONG_META | 1 << 2 | 0x20, 7, 0, u32(30000))
+seed("tables", "start_above_end", 2, BEFORE, 1, RUNS, KNOWN,
+     STRONG_META | 1 << 2 | 0x20, 0, 7, u32(0x80000000), STRONG_META, 1, 0, 200)
+seed("tables", "torn_strong_table", 2, BEFORE, 0, RUNS, KNOWN, STRONG | 4 << 2, u16(7))
+seed("tables", "strong_table_cut_after_loading", 2, BETWEEN, 0, RUNS, KNOWN,
+     STRONG | 4 << 2, u16(160))
+seed("tables", "strong_table_unsorted", 2, BEFORE, 0, RUNS, KNOWN, STRONG | 3 << 2, u16(16), 31,
+     bytes(range(32)))
+seed("tables", "other_base", 2, BEFORE, 0, RUNS, KNOWN, STRONG_META | 6 << 2, 0, 9)
+seed("tables", "no_weak_table", 2, BEFORE, 0, RUNS, KNOWN, WEAK | 7 << 2 | 0x20)
+
+# ---- match: sessions; steps; questions
+
+
+def add(file_id, *signatures, source=None):
+    """File IDs -8 to 15; sources -1 to 2."""
+    choice = len(signatures) - 1 | (0 if source is None else 0x80 | source + 1 << 5)
+    return bytes([0, file_id + 8, choice]) + bytes(signatures)
+
+
+def erase(*file_ids):
+    return bytes([7, len(file_ids)]) + bytes(file_id + 8 for file_id in file_ids)
+
+
+def session(*steps):
+    return bytes([len(steps)]) + b"".join(steps)
+
+
+def question(*signatures, strangers=0, fsz=1):
+    return bytes([len(signatures)]) + bytes(signatures) + bytes([strangers, fsz])
+
+
+seed("match", "seven_files_of_one_source", 0,
+     session(*(add(i, *range(i, 12), source=0) for i in range(1, 8))),
+     1, question(*range(12)), question(*range(12), strangers=200))
+seed("match", "saved_on_the_way", 0, session(*(add(i, i, i + 1) for i in range(16))),
+     0, question(*range(20)))
+seed("match", "levels", 0,
+     session(add(1, *range(12)), add(2, *range(8)), add(3, 1, 2, 3), add(4, 1)),
+     2, question(*range(12), strangers=255), question(1, 1, 1, strangers=30),
+     question(*range(12), strangers=255, fsz=0))
+seed("match", "deleted_and_added_again", 2, session(add(1, 1, 2), add(2, 2, 3)),
+     session(erase(1, 2), add(1, 3)), session(erase(5, 2), add(1, 3, 4, source=1)),
+     0, question(1, 2, 3, 4, 63))
+seed("match", "only_the_root", 0, session(), 0, question(63), 0)
+
+# ---- exports: calls, some with arguments
+
+CONFIGURE, INIT_GENERATOR, GENERATE, SET_SIZE, EXIT_GENERATOR, FREE = range(6)
+INIT_INDEX, ADD, ERASE, EXIT_INDEX, SET_LIMIT, INIT_MATCH, MATCH, EXIT_MATCH, DAMAGE = (
+    6, 8, 11, 12, 14, 15, 16, 18, 19)
+
+
+def document(file_id, *signatures, mistake=0):
+    return bytes([ADD, file_id, len(signatures) | mistake << 3]) + bytes(signatures)
+
+
+def match(*signatures, mistake=0, fsz=0):
+    return bytes([MATCH, len(signatures) | mistake << 4]) + bytes(signatures) + bytes([fsz])
+
+
+seed("exports", "index_and_match", INIT_INDEX, document(1, 1, 2, 3), document(2, 3, 4), EXIT_INDEX,
+     INIT_MATCH, match(1, 2, 3, 4), EXIT_MATCH)
+seed("exports", "wrong_order", match(1), EXIT_MATCH, INIT_MATCH, EXIT_INDEX, document(1, 1),
+     ERASE, 1, 3, EXIT_GENERATOR, GENERATE, 1, INIT_INDEX, INIT_INDEX, EXIT_INDEX, INIT_MATCH,
+     INIT_MATCH)
+seed("exports", "mistaken_arguments", INIT_INDEX,
+     *(document(3, 1, mistake=m) for m in range(5)), *(bytes([ERASE, m << 3]) for m in range(5)),
+     document(200, 1), document(202, 1), EXIT_INDEX, INIT_MATCH,
+     *(match(1, mistake=m) for m in range(8)))
+seed("exports", "generator", CONFIGURE, 1, 7, INIT_GENERATOR, 0, GENERATE, 0xF9, WORDS[:31],
+     GENERATE, 0xF8, WORDS[:31], SET_SIZE, 0, SET_SIZE, 1, EXIT_GENERATOR, INIT_GENERATOR, 1,
+     GENERATE, 0xF9, WORDS[40:71], FREE)
+seed("exports", "limit_of_the_table", CONFIGURE, 1, 11, INIT_INDEX, document(1, 1), EXIT_INDEX,
+     SET_LIMIT, 1, INIT_INDEX, document(2, 1), SET_LIMIT, 5, document(2, 1), EXIT_INDEX)
+seed("exports", "two_indexes", INIT_INDEX, document(1, 1), EXIT_INDEX, CONFIGURE, 1, 10, INIT_INDEX,
+     document(1, 2), EXIT_INDEX, INIT_MATCH, match(1, 2))
+seed("exports", "rewritten_under_a_matcher", INIT_INDEX, document(1, 1), EXIT_INDEX, INIT_MATCH,
+     INIT_INDEX, document(2, 1, 2, 3), EXIT_INDEX, match(1, 2, 3), EXIT_MATCH, INIT_MATCH, match(1))
+seed("exports", "damaged_tree", INIT_INDEX, document(1, 1), EXIT_INDEX, DAMAGE, 0, 3, u16(5000), 9,
+     INIT_INDEX, document(2, 2), EXIT_INDEX)
+seed("exports", "pieces_of_one", CONFIGURE, 2, 0, 3, INIT_INDEX, document(1, 1, 2),
+     document(2, 3, 4), document(1, 5), document(3, 1), document(4, 7), ERASE, 1, 2, EXIT_INDEX, INIT_MATCH,
+     match(1, 2, 3, 7))
