@@ -1,12 +1,13 @@
 # Entry points; the work is done by the scripts of the same names.
 
-.PHONY: help demo test coverage fuzz clean
+.PHONY: help demo test coverage fuzz bench clean
 
 help:
 	@echo 'make demo      index texts of this machine and find five queries in them'
 	@echo 'make test      build and test everything: Linux, sanitizers, Windows under Wine'
 	@echo 'make coverage  run the tests with coverage and print it by folder'
 	@echo 'make fuzz      feed hostile inputs to all fuzz targets, 20 minutes each'
+	@echo 'make bench     measure everything and write the tables of docs/performance.md'
 	@echo 'make clean     remove build/'
 	@echo
 	@echo 'All of them work below build/ and install missing Debian packages first.'
@@ -22,6 +23,9 @@ coverage:
 
 fuzz:
 	@scripts/fuzz
+
+bench:
+	@scripts/bench
 
 clean:
 	rm -rf build
