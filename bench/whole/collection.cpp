@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <numeric>
+#include <stdexcept>
 #include <string_view>
 
 #include "corpus.h"
@@ -16,6 +17,7 @@ namespace {
 
 constexpr size_t kIndexed = 2000;
 constexpr size_t kUnrelated = 400;
+constexpr size_t kFewest = 100;     // of both: with less, nothing is measured
 constexpr size_t kShortest = 5000;  // bytes of a document
 constexpr size_t kLongest = 40000;
 constexpr size_t kLongestParagraph = 2000;
@@ -69,10 +71,14 @@ std::vector<Word> wordsOf(std::string_view text) {
 }
 
 // For each word the hash, which is not 0, of the shortest run of words from there
-// on that is long enough.
+// on that is long enough. None for what is no prose but drawn or encoded.
 std::vector<uint64_t> passages(std::string_view paragraph) {
   const std::vector<Word> words = wordsOf(paragraph);
   std::vector<uint64_t> hashes;
+  if (std::any_of(words.begin(), words.end(),
+                  [](const Word& word) { return word.letters >= kPassageLetters; })) {
+    return hashes;
+  }
   for (size_t first = 0; first < words.size(); ++first) {
     uint64_t hash = 0;
     size_t letters = 0;
@@ -172,6 +178,7 @@ Collection collect() {
     const auto text = std::string_view(texts[i]).substr(0, kLargestText);
     if (text.size() >= kShortest && isEnglish(text)) addDocuments(text, &random, &seen, &all);
   }
+  if (all.size() < kFewest) throw std::runtime_error("too little documentation on this system");
   if (all.size() > kIndexed + kUnrelated) all.resize(kIndexed + kUnrelated);
   if (all.size() < kIndexed + kUnrelated) {
     std::fprintf(stderr, "only %zu documents instead of %zu: too little documentation here\n",

@@ -147,12 +147,18 @@ struct Edit {
 };
 
 constexpr Edit kEdits[] = {
-    {"whole_copy", copied},        {"half", half},
-    {"tenth", tenth},              {"passage_in_other_text", passage},
-    {"rewrapped", rewrapped},      {"reordered", reordered},
-    {"words_edited_1", edited<1>}, {"words_edited_5", edited<5>},
-    {"words_edited_15", edited<15>}, {"inside_other_text", inside},
-    {"upper_cased", upperCased},   {"unrelated", unrelated},
+    {"whole_copy", copied},
+    {"half", half},
+    {"tenth", tenth},
+    {"passage_in_other_text", passage},
+    {"rewrapped", rewrapped},
+    {"reordered", reordered},
+    {"words_edited_1", edited<1>},
+    {"words_edited_5", edited<5>},
+    {"words_edited_15", edited<15>},
+    {"inside_other_text", inside},
+    {"upper_cased", upperCased},
+    {"unrelated", unrelated},
 };
 
 }  // namespace

@@ -24,12 +24,14 @@ using Lists = std::vector<host::Signatures>;
 
 constexpr size_t kMillion = 1000000;
 
+// Documents that are made up, so that the smallest index has those of the largest.
 void indexDocuments(State& state, Shared* shared, size_t documents) {
   Archive archive = shared->archive();
+  const size_t first = collection().indexed.size();
   Lists lists;
   size_t signatures = 0;
   for (size_t i = 0; i < documents; ++i) {
-    lists.push_back(archive(i));
+    lists.push_back(archive(first + i));
     signatures += lists.back().size();
   }
   while (state.KeepRunningBatch(static_cast<int64_t>(documents))) {
@@ -50,13 +52,13 @@ bool names(const std::vector<host::Match>& matches, size_t document) {
   });
 }
 
-// Documents of which any index of the archive has all.
+// Asks for documents that each of the indexes holds.
 void queryDocuments(State& state, Shared* shared, size_t documents) {
-  constexpr size_t kQueries = 100;
   const std::vector<std::string>& texts = collection().indexed;
+  const size_t queries = std::min<size_t>(texts.size(), 100);
   shared->loadArchive(documents);
-  while (state.KeepRunningBatch(kQueries)) {
-    for (size_t i = 0; i < kQueries; ++i) {
+  while (state.KeepRunningBatch(static_cast<int64_t>(queries))) {
+    for (size_t i = 0; i < queries; ++i) {
       const std::string& text = texts[i];
       require(names(host::match(host::generate(text, TESSERA_CLIENT), text.size()), i),
               "an indexed document is not found");

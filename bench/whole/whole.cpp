@@ -150,11 +150,10 @@ void millionByPass(benchmark::State& state, LinearMethod* method) {
   const std::string& text = collection().indexed[number];
   std::vector<Answer> answers;
   for (auto _ : state) answers = method->ask(text);
-  require(std::any_of(answers.begin(), answers.end(),
-                      [&](const Answer& answer) {
-                        return answer.document == number && answer.strong;
-                      }),
-          "the document is not found among the million");
+  require(
+      std::any_of(answers.begin(), answers.end(),
+                  [&](const Answer& answer) { return answer.document == number && answer.strong; }),
+      "the document is not found among the million");
   state.counters["documents"] = kMillion;
   state.counters["distinct_hashes"] = static_cast<double>(collection().indexed.size());
   state.counters["text_bytes"] = static_cast<double>(text.size());

@@ -59,8 +59,8 @@ std::vector<Element> sortedElements(size_t documents, const host::SignatureSourc
   elements.reserve(documents * 21);
   for (size_t i = 0; i < documents; ++i) {
     for (const Signature& signature : signatures(i)) {
-      elements.push_back({signatureKey(signature), static_cast<int32_t>(i - kFidBase),
-                          static_cast<int32_t>(i)});
+      elements.push_back(
+          {signatureKey(signature), static_cast<int32_t>(i - kFidBase), static_cast<int32_t>(i)});
     }
   }
   std::sort(elements.begin(), elements.end());
