@@ -1,7 +1,8 @@
 // How the times grow, for plots; everything fits in the page cache.
 //
 //   growth/documents/N/index  time to add one of N documents to a new index, its
-//                             tables included, from its signatures on
+//                             tables included, from its signatures on; counter
+//                             bytes_per_document of all files of the index
 //   growth/documents/N/query  time of one text of 15 KB against N documents
 //   growth/query_size/N       time of a text of N bytes against 1,000,000 documents,
 //                             of which it quotes one for each 15 KB
@@ -34,16 +35,20 @@ void indexDocuments(State& state, Shared* shared, size_t documents) {
     lists.push_back(archive(first + i));
     signatures += lists.back().size();
   }
+  uintmax_t bytes = 0;
   while (state.KeepRunningBatch(static_cast<int64_t>(documents))) {
     const std::filesystem::path directory = shared->newDirectory();
     host::makeIndex(directory, documents,
                     [&](size_t i) -> const host::Signatures& { return lists[i]; });
     state.PauseTiming();
+    bytes = host::indexBytes(directory);
     std::filesystem::current_path(directory.parent_path());
     std::filesystem::remove_all(directory);
     state.ResumeTiming();
   }
-  state.counters["signatures"] = static_cast<double>(signatures);
+  const auto count = static_cast<double>(documents);
+  state.counters["signatures_per_document"] = static_cast<double>(signatures) / count;
+  state.counters["bytes_per_document"] = static_cast<double>(bytes) / count;
 }
 
 bool names(const std::vector<host::Match>& matches, size_t document) {

@@ -67,6 +67,14 @@ void makeIndex(const fs::path& directory, size_t documents, const SignatureSourc
   check(ExitIndexSystem() == 0, "ExitIndexSystem fails");
 }
 
+uintmax_t indexBytes(const fs::path& directory) {
+  uintmax_t bytes = 0;
+  for (const fs::directory_entry& entry : fs::directory_iterator(directory / "sig_index_DB")) {
+    bytes += entry.file_size();
+  }
+  return bytes;
+}
+
 void loadTables(const fs::path& directory) {
   if (loaded_tables != directory) {
     releaseTables();

@@ -36,6 +36,9 @@ using SignatureSource = std::function<const Signatures&(size_t document)>;
 void makeIndex(const std::filesystem::path& directory, size_t documents,
                const SignatureSource& signatures);
 
+// What all files of the index below a directory take.
+uintmax_t indexBytes(const std::filesystem::path& directory);
+
 // A new directory with the settings file, as current directory.
 void enterNew(const std::filesystem::path& directory);
 

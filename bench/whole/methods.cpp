@@ -14,14 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-uintmax_t bytesBelow(const fs::path& directory) {
-  uintmax_t bytes = 0;
-  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(directory)) {
-    if (entry.is_regular_file()) bytes += entry.file_size();
-  }
-  return bytes;
-}
-
 class Tessera final : public Method {
  public:
   Tessera(fs::path directory, int platform)
@@ -48,8 +40,7 @@ class Tessera final : public Method {
   }
 
   double bytesPerDocument() const override {
-    return static_cast<double>(bytesBelow(directory_ / "sig_index_DB")) /
-           static_cast<double>(documents_);
+    return static_cast<double>(host::indexBytes(directory_)) / static_cast<double>(documents_);
   }
 
  private:

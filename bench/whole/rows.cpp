@@ -81,7 +81,10 @@ const std::vector<Query>& Shared::queries(const std::string& query_class) {
 }
 
 Archive Shared::archive() {
-  if (!archive_) archive_.emplace(collection());
+  if (!archive_) {
+    fs::current_path(directory_);  // where the generator may leave its settings
+    archive_.emplace(collection());
+  }
   return *archive_;
 }
 
