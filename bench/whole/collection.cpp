@@ -72,8 +72,7 @@ std::vector<Word> wordsOf(std::string_view text) {
 
 // For each word the hash, which is not 0, of the shortest run of words from there
 // on that is long enough. None for what is no prose but drawn or encoded.
-std::vector<uint64_t> passages(std::string_view paragraph) {
-  const std::vector<Word> words = wordsOf(paragraph);
+std::vector<uint64_t> passages(const std::vector<Word>& words) {
   std::vector<uint64_t> hashes;
   if (std::any_of(words.begin(), words.end(),
                   [](const Word& word) { return word.letters >= kPassageLetters; })) {
@@ -90,6 +89,16 @@ std::vector<uint64_t> passages(std::string_view paragraph) {
     if (letters >= kPassageLetters) hashes.push_back(hash | 1);
   }
   return hashes;
+}
+
+// The last words, so many that they are no passage yet: what follows makes them one.
+std::vector<Word> tailOf(const std::vector<Word>& words) {
+  auto first = words.end();
+  size_t letters = 0;
+  while (first != words.begin() && letters + (first - 1)->letters < kPassageLetters) {
+    letters += (--first)->letters;
+  }
+  return {first, words.end()};
 }
 
 // The requests that begin a paragraph of a manual page, which has no empty lines.
@@ -141,21 +150,26 @@ bool isEnglish(std::string_view text) {
 void addDocuments(std::string_view text, documents::Random* random, Passages* seen,
                   std::vector<std::string>* all) {
   std::string document;
+  std::vector<Word> tail;  // of the document
   size_t wanted = kShortest + random->below(kLongest - kShortest - kLongestParagraph);
   const auto finish = [&] {
     if (document.size() >= kShortest && document.size() <= kLongest && isEnglish(document)) {
       all->push_back(std::move(document));
     }
     document.clear();
+    tail.clear();
     wanted = kShortest + random->below(kLongest - kShortest - kLongestParagraph);
   };
   for (const std::string_view paragraph : paragraphs(text)) {
-    const std::vector<uint64_t> hashes = passages(paragraph);
+    std::vector<Word> words = wordsOf(paragraph);
+    words.insert(words.begin(), tail.begin(), tail.end());
+    const std::vector<uint64_t> hashes = passages(words);
     if (hashes.empty() || std::any_of(hashes.begin(), hashes.end(),
                                       [&](uint64_t hash) { return seen->contains(hash); })) {
       continue;
     }
     for (const uint64_t hash : hashes) seen->insert(hash);
+    tail = tailOf(words);
     document += paragraph;
     if (!document.ends_with('\n')) document += '\n';
     document += '\n';
