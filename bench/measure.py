@@ -12,9 +12,9 @@ from pathlib import Path
 
 import rounds
 
-# The rows of one process take turns at random, as often as there are rounds.
-TURNS_INSIDE = ["--benchmark_repetitions=5", "--benchmark_enable_random_interleaving=true",
-                "--benchmark_report_aggregates_only=false"]
+# The rows of one process take turns at random, as often as there are repetitions.
+TURNS = ["--benchmark_enable_random_interleaving=true"]
+SHORT = ["--benchmark_min_time=0.02", "--benchmark_repetitions=5", *TURNS]
 
 
 def in_one_process(program, *arguments):
@@ -37,10 +37,10 @@ def row_by_row(program, count, pattern="."):
 
 
 FAMILIES = {
-    "generation": [in_one_process("generation", "--benchmark_min_time=0.02", *TURNS_INSIDE)],
-    "match": [in_one_process("match", "--benchmark_min_time=0.02", *TURNS_INSIDE)],
+    "generation": [in_one_process("generation", *SHORT)],
+    "match": [in_one_process("match", *SHORT)],
     "store": [row_by_row("store_load", 3, "/1M/"), row_by_row("store_load", 1, "/5M/")],
-    "whole": [in_one_process("whole")],
+    "whole": [in_one_process("whole_library", "--benchmark_repetitions=3", *TURNS)],
 }
 
 

@@ -150,7 +150,8 @@ METHODS = [("tessera_full", "Tessera, full"), ("tessera_sparse", "Tessera, spars
 
 
 def whole_tables(measured):
-    classes = sorted({row.split("/")[2] for row in measured if row.startswith("whole/recall/")})
+    # In the order of the program.
+    classes = dict.fromkeys(row.split("/")[2] for row in measured if row.startswith("whole/recall/"))
     rows = []
     for kind in classes:
         cells = [kind.replace("_", " ")]
@@ -168,8 +169,7 @@ def whole_tables(measured):
         ["index bytes a document", *(number(rounds.median(measured, f"whole/index/{m}",
                                                           "bytes_per_document"))
                                      for m, _ in METHODS)],
-        ["indexing a document", *(seconds(rounds.median(measured, f"whole/index/{m}",
-                                                        "seconds_per_document"))
+        ["indexing a document", *(seconds(rounds.median(measured, f"whole/index/{m}"))
                                   for m, _ in METHODS)],
         ["one query", *(seconds(rounds.median(measured, f"whole/query/{m}")) for m, _ in METHODS)],
     ]
@@ -194,25 +194,34 @@ def plot(path, title, axis, points, figure="milliseconds"):
     chart, axes = pyplot.subplots(figsize=(4, 2.6), layout="constrained")
     axes.plot(*zip(*sorted(points)), marker="o", markersize=3)
     axes.set(title=title, xlabel=axis, ylabel=figure, ylim=(0, None))
+    if max(x for x, _ in points) > 100 * min(x for x, _ in points):
+        axes.set(xscale="log", yscale="log", ylim=(None, None))
     axes.grid(alpha=0.3)
     path.parent.mkdir(exist_ok=True)
     chart.savefig(path, metadata={"Date": None, "Creator": None})
     pyplot.close(chart)
 
 
-def points(measured, prefix, figure="seconds", scale=1e3):
-    return [(float(row.removeprefix(prefix)), scale * rounds.median(measured, row, figure))
-            for row in measured if row.startswith(prefix)]
+def points(measured, pattern, figure="seconds", scale=1e3):
+    """[(x, y)] of the rows whose whole name fits; its group is x."""
+    found = ((re.fullmatch(pattern, row), row) for row in measured)
+    return [(float(fit[1]), scale * rounds.median(measured, row, figure)) for fit, row in found if fit]
 
 
 def whole_plots(measured, figures):
-    for name, title, axis in (
-            ("documents", "One query as the index grows", "documents in the index"),
-            ("query_size", "One query as its text grows", "KiB of text"),
-            ("pairs", "One query as its hits grow", "pairs of file and signature")):
-        plot(figures / f"growth_{name}.svg", title, axis, points(measured, f"growth/{name}/"))
+    for name, pattern, title, axis in (
+            ("documents", r"growth/documents/(\d+)/query", "One query as the index grows",
+             "documents in the index"),
+            ("query_size", r"growth/query_size/(\d+)", "One query as its text grows",
+             "bytes of text"),
+            ("pairs", r"growth/pairs/(\d+)", "One match as its hits grow",
+             "hits of 64 signatures in documents")):
+        plot(figures / f"growth_{name}.svg", title, axis, points(measured, pattern))
+    plot(figures / "growth_indexing.svg", "Indexing a document as the index grows",
+         "documents in the index",
+         points(measured, r"growth/documents/(\d+)/index", "seconds", 1e6), "microseconds")
     plot(figures / "growth_threads.svg", "Queries beside each other", "threads",
-         points(measured, "growth/threads/", "queries_per_second", 1), "queries a second")
+         points(measured, r"growth/threads/(\d+)", "queries_per_second", 1), "queries a second")
 
 
 def main():
