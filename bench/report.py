@@ -193,9 +193,11 @@ def plot(path, title, axis, points, figure="milliseconds"):
         return
     chart, axes = pyplot.subplots(figsize=(4, 2.6), layout="constrained")
     axes.plot(*zip(*sorted(points)), marker="o", markersize=3)
-    axes.set(title=title, xlabel=axis, ylabel=figure, ylim=(0, None))
+    axes.set(title=title, xlabel=axis, ylabel=figure)
     if max(x for x, _ in points) > 100 * min(x for x, _ in points):
-        axes.set(xscale="log", yscale="log", ylim=(None, None))
+        axes.set(xscale="log", yscale="log")
+    else:
+        axes.set(ylim=(0, None))
     axes.grid(alpha=0.3)
     path.parent.mkdir(exist_ok=True)
     chart.savefig(path, metadata={"Date": None, "Creator": None})

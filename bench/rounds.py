@@ -30,9 +30,11 @@ class BenchmarkError(Exception):
 
 
 def figures(report):
-    """The rows of one report of Google Benchmark, as [(name, {figure: value})]."""
+    """The rows of one report of Google Benchmark, as [(name, {figure: value})], in
+    the order in which the program knows them, whichever came first at random."""
     rows = []
-    for entry in report["benchmarks"]:
+    for entry in sorted(report["benchmarks"], key=lambda entry: (
+            entry["family_index"], entry["per_family_instance_index"])):
         if entry.get("run_type") == "aggregate":
             continue
         if entry.get("error_occurred"):
