@@ -19,8 +19,10 @@
 // tests/property/text_kernel_property_test.cpp.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 
 #include "fpeSigGenTable.h"
@@ -72,6 +74,13 @@ inline constexpr int kLeavingShift = 15;  // 8^61 = 2^183 = 2^(183 - 3 * 56) mod
 // and larger for all other numbers of 64 bits.
 inline constexpr uint64_t kInverse = 0xE21A291C077975B9u;
 inline constexpr uint64_t kMultiples = UINT64_MAX / DLP_PRIME;
+
+// Eight bytes, the first one lowest, whatever the order of the host's bytes.
+inline uint64_t loadWord(const unsigned char* bytes) {
+  uint64_t word;
+  std::memcpy(&word, bytes, sizeof word);
+  return std::endian::native == std::endian::little ? word : __builtin_bswap64(word);
+}
 
 // The windows of one of `streams` equal parts, a multiple of `unit`; all
 // together may be more than there are windows.

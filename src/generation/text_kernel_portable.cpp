@@ -10,13 +10,6 @@ namespace {
 constexpr size_t kStreams = 4;
 constexpr size_t kBlock = 64;  // windows of a stream per word of bits
 
-// Eight bytes, the first one lowest, whatever the order of the host's bytes.
-uint64_t loadWord(const unsigned char* bytes) {
-  uint64_t word = 0;
-  for (int i = 0; i < 8; ++i) word |= uint64_t{bytes[i]} << 8 * i;
-  return word;
-}
-
 uint64_t turn(uint64_t g, int bits) { return (g << bits & kHashModulus) | g >> (kHashBits - bits); }
 
 // The sum of b_k * 8^(7-k) of eight bytes: neighbours are joined to numbers of

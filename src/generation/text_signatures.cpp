@@ -31,10 +31,11 @@ class TextScanner {
         limit_(static_cast<size_t>(std::max(maxContentSize(), 0))),
         capacity_(std::min(length_, kBufferBytes)) {}
 
-  bool allocate() {
-    buffer_ = mallocArray<unsigned char>(capacity_ + std::max(kTextSlack, kKeptSlack));
-    selected_ = mallocArray<uint64_t>((capacity_ + kSelectedSlack) / 64 + 1);
-    return buffer_ != nullptr && selected_ != nullptr;
+  // The memory it works in, as words.
+  size_t memory() const { return selectedWords() + bufferBytes() / 8 + 1; }
+  void use(uint64_t* memory) {
+    selected_ = memory;
+    buffer_ = reinterpret_cast<unsigned char*>(memory + selectedWords());
   }
 
   // Goes on to the next piece. False: there is no window any more.
@@ -43,8 +44,8 @@ class TextScanner {
     windows_ = filled_ > kWindowRest ? filled_ - kWindowRest : 0;
     if (!ended_) windows_ -= windows_ % kUnit;
     if (windows_ == 0) return false;
-    std::memset(buffer_.get() + filled_, 0, kTextSlack);
-    kernel_.select(buffer_.get(), windows_, selected_.get());
+    std::memset(buffer_ + filled_, 0, kTextSlack);
+    kernel_.select(buffer_, windows_, selected_);
     // No window is selected from here to the next multiple of 64 and of the unit.
     selected_[windows_ / 64] &= (uint64_t{1} << windows_ % 64) - 1;
     scanned_ = windows_;
@@ -52,9 +53,9 @@ class TextScanner {
   }
 
   // The piece: bit i % 64 of selected()[i / 64] tells of the window at text() + i.
-  const unsigned char* text() const { return buffer_.get(); }
+  const unsigned char* text() const { return buffer_; }
   size_t windows() const { return windows_; }
-  const uint64_t* selected() const { return selected_.get(); }
+  const uint64_t* selected() const { return selected_; }
 
   // Normalised bytes up to the end of the piece.
   size_t kept() const { return kept_; }
@@ -70,15 +71,18 @@ class TextScanner {
   }
 
  private:
+  size_t selectedWords() const { return (capacity_ + kSelectedSlack) / 64 + 1; }
+  size_t bufferBytes() const { return capacity_ + std::max(kTextSlack, kKeptSlack); }
+
   // Fills the buffer behind what is not scanned yet.
   void fill() {
     filled_ -= scanned_;
-    std::memmove(buffer_.get(), buffer_.get() + scanned_, filled_);
+    std::memmove(buffer_, buffer_ + scanned_, filled_);
     scanned_ = 0;
     ended_ = ended_ || kept_ == limit_;
     while (!ended_ && (filled_ == 0 || capacity_ - filled_ >= kLeastRun)) {
       const size_t run = std::min(length_ - position_, capacity_ - filled_);
-      const size_t kept = kernel_.normalise(text_ + position_, run, buffer_.get() + filled_);
+      const size_t kept = kernel_.normalise(text_ + position_, run, buffer_ + filled_);
       const size_t taken = std::min(kept, limit_ - kept_);
       position_ += run;
       filled_ += taken;
@@ -92,8 +96,8 @@ class TextScanner {
   const size_t length_;
   const size_t limit_;
   const size_t capacity_;
-  MallocArray<unsigned char> buffer_;
-  MallocArray<uint64_t> selected_;
+  unsigned char* buffer_ = nullptr;
+  uint64_t* selected_ = nullptr;
   size_t position_ = 0;  // in the text
   size_t kept_ = 0;      // bytes of it, normalised, up to there
   size_t filled_ = 0;    // of these in the buffer
@@ -108,91 +112,115 @@ class TextScanner {
 // sum: their order as numbers is that of the signatures.
 uint64_t foldToNumber(const unsigned char* window) {
   constexpr uint64_t kEven = 0x00FF00FF00FF00FF;
-  uint64_t even = 0;  // sums of 16 bits, which do not run over
-  uint64_t odd = 0;
+  // The last five bytes, of a word that begins in the window, too.
+  uint64_t word = loadWord(window + DLP_SLIDE_WINDOW - 8) >> 24;
+  uint64_t even = word & kEven;  // sums of 16 bits, which do not run over
+  uint64_t odd = word >> 8 & kEven;
   for (int i = 0; i < DLP_SLIDE_WINDOW / 8; ++i) {
-    uint64_t word;
-    std::memcpy(&word, window + 8 * i, sizeof word);
+    word = loadWord(window + 8 * i);
     even += word & kEven;
     odd += word >> 8 & kEven;
   }
-  uint64_t word = 0;
-  std::memcpy(&word, window + DLP_SLIDE_WINDOW / 8 * 8, DLP_SLIDE_WINDOW % 8);
-  even += word & kEven;
-  odd += word >> 8 & kEven;
-  const uint64_t sums = (even & kEven) | (odd & kEven) << 8;
-  Signature signature;
-  std::memcpy(signature.bytes, &sums, sizeof sums);
-  return signatureKey(signature);
+  return __builtin_bswap64((even & kEven) | (odd & kEven) << 8);
 }
 
 // ---- Order ----
 
-// Up to here sorting by insertion is the fastest.
-constexpr size_t kInsertionLength = 24;
-
-void sortBucket(uint64_t* begin, uint64_t* end) {
-  if (static_cast<size_t>(end - begin) > kInsertionLength) {
-    std::sort(begin, end);
-    return;
-  }
-  for (uint64_t* next = begin; next != end; ++next) {
-    const uint64_t number = *next;
-    uint64_t* place = next;
-    for (; place != begin && place[-1] > number; --place) *place = place[-1];
-    *place = number;
-  }
+// Moves the numbers to `sorted` in the order of the kBits bits from kShift on; those
+// with equal ones stay in their order.
+template <int kShift, int kBits>
+void distribute(const uint64_t* numbers, size_t length, uint64_t* sorted) {
+  constexpr uint32_t kBuckets = 1u << kBits;
+  const auto bucket = [](uint64_t number) { return number >> kShift & (kBuckets - 1); };
+  uint32_t places[kBuckets] = {};
+  for (size_t i = 0; i < length; ++i) ++places[bucket(numbers[i])];
+  uint32_t begin = 0;
+  for (uint32_t& place : places) begin += std::exchange(place, begin);
+  for (size_t i = 0; i < length; ++i) sorted[places[bucket(numbers[i])]++] = numbers[i];
 }
 
-// Leaves the numbers in `sorted` in ascending order: by their highest bytes first,
-// which makes short buckets of a document's list.
-void sortNumbers(const uint64_t* numbers, size_t length, uint64_t* sorted) {
-  constexpr size_t kBuckets = 256;
-  size_t places[kBuckets] = {};
-  for (size_t i = 0; i < length; ++i) ++places[numbers[i] >> 56];
-  size_t begin = 0;
-  for (size_t& place : places) begin += std::exchange(place, begin);
-  for (size_t i = 0; i < length; ++i) sorted[places[numbers[i] >> 56]++] = numbers[i];
-  begin = 0;
-  for (const size_t end : places) {
-    sortBucket(sorted + begin, sorted + end);
-    begin = end;
+// Sorts numbers that are almost in order. Gives up, and returns false, when they are
+// not.
+bool insertionSort(uint64_t* numbers, size_t length) {
+  size_t moves_left = 64 + 8 * length;
+  for (size_t i = 1; i < length; ++i) {
+    const uint64_t number = numbers[i];
+    size_t place = i;
+    for (; place > 0 && numbers[place - 1] > number; --place) numbers[place] = numbers[place - 1];
+    numbers[place] = number;
+    if (i - place > moves_left) return false;
+    moves_left -= i - place;
   }
+  return true;
+}
+
+// Leaves the numbers in ascending order; `other` has room for as many. Their highest
+// bits almost do it: six bits of a few numbers, two bytes of many.
+void sortNumbers(uint64_t* numbers, size_t length, uint64_t* other) {
+  constexpr size_t kFew = 64;
+  if (length <= kFew) {
+    distribute<58, 6>(numbers, length, other);
+    std::copy_n(other, length, numbers);
+  } else {
+    distribute<48, 8>(numbers, length, other);
+    distribute<56, 8>(other, length, numbers);
+  }
+  if (!insertionSort(numbers, length)) std::sort(numbers, numbers + length);
 }
 
 // Hands out the signatures in ascending order, each once. No list is handed out for
 // no signatures.
-int handOut(const uint64_t* numbers, size_t length, Signature** signatures, int* count) {
+int handOut(uint64_t* numbers, size_t length, Signature** signatures, int* count) {
   if (length == 0) return kOk;
-  MallocArray<uint64_t> list = mallocArray<uint64_t>(length);
-  if (!list) return kErrMem;
-  sortNumbers(numbers, length, list.get());
-  const uint64_t* const end = std::unique(list.get(), list.get() + length);
-  *count = static_cast<int>(end - list.get());
-  auto* const bytes = reinterpret_cast<Signature*>(list.release());
-  for (int i = 0; i < *count; ++i) {
-    uint64_t number;
-    std::memcpy(&number, bytes + i, sizeof number);
-    for (int k = 8; k-- > 0; number >>= 8) {
-      bytes[i].bytes[k] = static_cast<unsigned char>(number);
-    }
+  MallocArray<uint64_t> block = mallocArray<uint64_t>(length);
+  if (!block) return kErrMem;
+  sortNumbers(numbers, length, block.get());
+  auto* const list = reinterpret_cast<Signature*>(block.release());
+  size_t distinct = 0;
+  for (size_t i = 0; i < length; ++i) {
+    if (i > 0 && numbers[i] == numbers[i - 1]) continue;
+    list[distinct++] = std::bit_cast<Signature>(
+        std::endian::native == std::endian::big ? numbers[i] : __builtin_bswap64(numbers[i]));
   }
-  *signatures = bytes;
+  *signatures = list;
+  *count = static_cast<int>(distinct);
   return kOk;
 }
 
 // ---- Selection ----
 
+// Leaves the places of the selected ones of `windows` windows in `places` and returns
+// how many they are. There are seldom more than two in 64, so two are written whether
+// they are there or not, and no branch depends on them; `places` has room for two more.
+size_t listSelected(const uint64_t* selected, size_t windows, uint32_t* places) {
+  size_t count = 0;
+  for (size_t first = 0; first < windows; first += 64) {
+    uint64_t bits = selected[first / 64];
+    const auto base = static_cast<uint32_t>(first);
+    for (int i = 0; i < 2; ++i) {
+      places[count] = base + static_cast<uint32_t>(std::countr_zero(bits));
+      count += bits != 0 ? 1 : 0;
+      bits &= bits - 1;
+    }
+    for (; bits != 0; bits &= bits - 1) {
+      places[count++] = base + static_cast<uint32_t>(std::countr_zero(bits));
+    }
+  }
+  return count;
+}
+
 // Appends the signatures of the piece's selected windows up to `room` of them and
 // returns how many they are.
 size_t foldAll(const TextScanner& piece, size_t room, uint64_t* numbers) {
+  uint32_t places[kUnit + 2];
   size_t length = 0;
-  for (size_t first = 0; first < piece.windows(); first += 64) {
-    for (uint64_t bits = piece.selected()[first / 64]; bits != 0; bits &= bits - 1) {
-      if (length == room) return length;
-      const size_t window = first + static_cast<size_t>(std::countr_zero(bits));
-      numbers[length++] = foldToNumber(piece.text() + window);
-    }
+  for (size_t first = 0; first < piece.windows() && length < room; first += kUnit) {
+    const unsigned char* const text = piece.text() + first;
+    const size_t windows = std::min(kUnit, piece.windows() - first);
+    const size_t found = listSelected(piece.selected() + first / 64, windows, places);
+    const size_t taken = std::min(found, room - length);
+    for (size_t i = 0; i < taken; ++i) numbers[length + i] = foldToNumber(text + places[i]);
+    length += taken;
   }
   return length;
 }
@@ -272,8 +300,9 @@ int signText(const TextKernel& kernel, Platform platform, const unsigned char* t
   if (length < DLP_SLIDE_WINDOW) return kOk;
   TextScanner scanner(kernel, text, length);
   const size_t room = largestList(platform, static_cast<size_t>(std::max(most_kept, 1)));
-  const auto numbers = mallocArray<uint64_t>(room);
-  if (!numbers || !scanner.allocate()) return kErrMem;
+  const MallocArray<uint64_t> numbers = mallocArray<uint64_t>(room + scanner.memory());
+  if (!numbers) return kErrMem;
+  scanner.use(numbers.get() + room);
   if (platform == kServer) {
     return signForServer(&scanner, numbers.get(), signatures, count, normalized_length);
   }
