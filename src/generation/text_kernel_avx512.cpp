@@ -151,7 +151,9 @@ struct State {
 template <bool kExact>
 TESSERA_AVX512_INLINE __m512i step(__m512i in, __m512i out, State* state) {
   const __m512i hash = turn<3>(state->g);
-  __m512i g = _mm512_add_epi64(hash, _mm512_sub_epi64(in, out));
+  __m512i change = _mm512_sub_epi64(in, out);
+  __asm__("" : "+v"(change));  // or g++ adds them one by one, and the chain is longer
+  __m512i g = _mm512_add_epi64(hash, change);
   if constexpr (kExact) {
     // Of the three only the one in range is not huge.
     g = _mm512_min_epu64(g, _mm512_min_epu64(_mm512_add_epi64(g, all(kHashModulus)),
