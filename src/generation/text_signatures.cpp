@@ -31,11 +31,14 @@ class TextScanner {
         limit_(static_cast<size_t>(std::max(maxContentSize(), 0))),
         capacity_(std::min(length_, kBufferBytes)) {}
 
-  // The memory it works in, as words.
-  size_t memory() const { return selectedWords() + bufferBytes() / 8 + 1; }
-  void use(uint64_t* memory) {
-    selected_ = memory;
-    buffer_ = reinterpret_cast<unsigned char*>(memory + selectedWords());
+  bool allocate() {
+    const size_t selected_words = (capacity_ + kSelectedSlack) / 64 + 1;
+    const size_t buffer_words = (capacity_ + std::max(kTextSlack, kKeptSlack)) / 8 + 1;
+    memory_ = mallocArray<uint64_t>(selected_words + buffer_words);
+    if (!memory_) return false;
+    selected_ = memory_.get();
+    buffer_ = reinterpret_cast<unsigned char*>(selected_ + selected_words);
+    return true;
   }
 
   // Goes on to the next piece. False: there is no window any more.
@@ -59,7 +62,6 @@ class TextScanner {
 
   // Normalised bytes up to the end of the piece.
   size_t kept() const { return kept_; }
-  bool ended() const { return ended_; }
 
   // Normalised bytes of the whole text; only to be followed by nothing.
   size_t keptToTheEnd() {
@@ -71,9 +73,6 @@ class TextScanner {
   }
 
  private:
-  size_t selectedWords() const { return (capacity_ + kSelectedSlack) / 64 + 1; }
-  size_t bufferBytes() const { return capacity_ + std::max(kTextSlack, kKeptSlack); }
-
   // Fills the buffer behind what is not scanned yet.
   void fill() {
     filled_ -= scanned_;
@@ -96,8 +95,9 @@ class TextScanner {
   const size_t length_;
   const size_t limit_;
   const size_t capacity_;
-  unsigned char* buffer_ = nullptr;
+  MallocArray<uint64_t> memory_;  // of the next two
   uint64_t* selected_ = nullptr;
+  unsigned char* buffer_ = nullptr;
   size_t position_ = 0;  // in the text
   size_t kept_ = 0;      // bytes of it, normalised, up to there
   size_t filled_ = 0;    // of these in the buffer
@@ -300,9 +300,8 @@ int signText(const TextKernel& kernel, Platform platform, const unsigned char* t
   if (length < DLP_SLIDE_WINDOW) return kOk;
   TextScanner scanner(kernel, text, length);
   const size_t room = largestList(platform, static_cast<size_t>(std::max(most_kept, 1)));
-  const MallocArray<uint64_t> numbers = mallocArray<uint64_t>(room + scanner.memory());
-  if (!numbers) return kErrMem;
-  scanner.use(numbers.get() + room);
+  const MallocArray<uint64_t> numbers = mallocArray<uint64_t>(room);
+  if (!numbers || !scanner.allocate()) return kErrMem;
   if (platform == kServer) {
     return signForServer(&scanner, numbers.get(), signatures, count, normalized_length);
   }

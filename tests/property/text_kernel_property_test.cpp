@@ -2,7 +2,7 @@
 // it against the twin's: place, hash and signature of each selected window, in texts
 // of nine kinds.
 //
-// TESSERA_WINDOWS=N compares N selected windows per kernel instead of 50,000.
+// TESSERA_WINDOWS=N compares about N selected windows per kernel instead of 50,000.
 #include <gtest/gtest.h>
 
 #include <algorithm>
