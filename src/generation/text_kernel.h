@@ -10,7 +10,7 @@
 //
 //   g(p + 1) = hash(p) + entering byte - (leaving byte << 15)
 //
-// since 8^61 is 2^15 modulo M. From a g in [0, M) this lies in
+// since 8^61 = 2^183 = 2^(3 * 56 + 15) is 2^15 modulo M. From a g in [0, M) this lies in
 // [-2^23, M + 254], so at most one M has to be added or taken away, and hardly
 // ever has to be.
 //
@@ -61,14 +61,14 @@ extern const TextKernel kAvx2Kernel;
 extern const TextKernel kAvx512Kernel;
 #endif
 
-// Those that this processor can run, the fastest first.
+// Those that this processor can run, the fastest first. They use the tables that
+// initTextSignaturer() builds.
 std::span<const TextKernel* const> supportedKernels();
 
 // ---- What the kernels share ----
 
 inline constexpr int kHashBits = 56;
 inline constexpr uint64_t kHashModulus = (uint64_t{1} << kHashBits) - 1;
-inline constexpr int kLeavingShift = 15;  // 8^61 = 2^183 = 2^(183 - 3 * 56) modulo 2^56 - 1
 
 // A product with the inverse is at most kMultiples for the multiples of 137,
 // and larger for all other numbers of 64 bits.
@@ -94,6 +94,16 @@ inline size_t streamWindows(size_t windows, size_t streams, size_t unit) {
 inline constexpr int kByteFactors[8] = {32, -28, -44, -30, -8, 7, 11, 0};
 inline constexpr int kLowestByteSum = -255 * (28 + 44 + 30 + 8);
 inline constexpr int kHighestByteSum = 255 * (32 + 7 + 11);
+
+constexpr bool factorsAreCongruent() {
+  int power = 32;
+  for (int k = 0; k < 7; ++k) {
+    if ((power - kByteFactors[k]) % DLP_PRIME != 0) return false;
+    power = power * 256 % DLP_PRIME;
+  }
+  return true;
+}
+static_assert(factorsAreCongruent());
 
 // The factors as the eight bytes of a word.
 constexpr uint64_t byteFactors() {

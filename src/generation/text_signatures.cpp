@@ -209,32 +209,54 @@ size_t listSelected(const uint64_t* selected, size_t windows, uint32_t* places) 
   return count;
 }
 
-// Appends the signatures of the piece's selected windows up to `room` of them and
-// returns how many they are.
-size_t foldAll(const TextScanner& piece, size_t room, uint64_t* numbers) {
+// The signatures of a document, as numbers in the order of their windows.
+class Numbers {
+ public:
+  // Makes room for `more` behind those there are. False: memory is out.
+  bool reserve(size_t more) {
+    if (length_ + more <= room_) return true;
+    const size_t room = std::max(2 * room_, length_ + more);
+    MallocArray<uint64_t> numbers = mallocArray<uint64_t>(room);
+    if (!numbers) return false;
+    std::copy_n(numbers_.get(), length_, numbers.get());
+    numbers_ = std::move(numbers);
+    room_ = room;
+    return true;
+  }
+  void add(uint64_t number) { numbers_[length_++] = number; }
+
+  uint64_t* get() const { return numbers_.get(); }
+  size_t length() const { return length_; }
+
+ private:
+  MallocArray<uint64_t> numbers_;
+  size_t room_ = 0;
+  size_t length_ = 0;
+};
+
+// Adds the signatures of the piece's selected windows until there are
+// kClientWindows. False: memory is out.
+bool foldAll(const TextScanner& piece, Numbers* numbers) {
   uint32_t places[kUnit + 2];
-  size_t length = 0;
-  for (size_t first = 0; first < piece.windows() && length < room; first += kUnit) {
+  for (size_t first = 0; first < piece.windows(); first += kUnit) {
     const unsigned char* const text = piece.text() + first;
     const size_t windows = std::min(kUnit, piece.windows() - first);
     const size_t found = listSelected(piece.selected() + first / 64, windows, places);
-    const size_t taken = std::min(found, room - length);
-    for (size_t i = 0; i < taken; ++i) numbers[length + i] = foldToNumber(text + places[i]);
-    length += taken;
+    const size_t taken = std::min(found, kClientWindows - numbers->length());
+    if (!numbers->reserve(taken)) return false;
+    for (size_t i = 0; i < taken; ++i) numbers->add(foldToNumber(text + places[i]));
   }
-  return length;
+  return true;
 }
 
-int signForClient(TextScanner* scanner, uint64_t* numbers, size_t room, Signature** signatures,
-                  int* count, int* normalized_length) {
-  size_t length = 0;
-  while (length < room && scanner->next()) {
-    length += foldAll(*scanner, room - length, numbers + length);
+int signForClient(TextScanner* scanner, Numbers* numbers, int* normalized_length) {
+  while (numbers->length() < kClientWindows && scanner->next()) {
+    if (!foldAll(*scanner, numbers)) return kErrMem;
   }
   if (normalized_length != nullptr) {
     *normalized_length = static_cast<int>(scanner->keptToTheEnd());
   }
-  return handOut(numbers, length, signatures, count);
+  return kOk;
 }
 
 // The place of the set bit number `index`, counted from 0, in an array of words.
@@ -248,10 +270,10 @@ size_t placeOfBit(const uint64_t* words, uint32_t index) {
   return 64 * word + static_cast<size_t>(std::countr_zero(rest));
 }
 
-// Appends the signatures of evenly spread windows of a server piece, at most `wanted`
-// of them, and returns how many they are.
-size_t foldPicks(const unsigned char* text, const uint64_t* selected, size_t windows,
-                 uint32_t wanted, uint64_t* numbers) {
+// Adds the signatures of evenly spread windows of a server piece, at most `wanted` of
+// them.
+void foldPicks(const unsigned char* text, const uint64_t* selected, size_t windows, uint32_t wanted,
+               Numbers* numbers) {
   uint32_t found = 0;
   for (size_t word = 0; 64 * word < windows; ++word) {
     found += static_cast<uint32_t>(std::popcount(selected[word]));
@@ -259,35 +281,31 @@ size_t foldPicks(const unsigned char* text, const uint64_t* selected, size_t win
   const uint32_t picks = std::min(found, wanted);
   for (uint32_t k = 0; k < picks; ++k) {
     const uint32_t index = found <= wanted ? k : (k + 1) * found / (wanted + 1);
-    numbers[k] = foldToNumber(text + placeOfBit(selected, index));
+    numbers->add(foldToNumber(text + placeOfBit(selected, index)));
   }
-  return picks;
 }
 
-int signForServer(TextScanner* scanner, uint64_t* numbers, Signature** signatures, int* count,
-                  int* normalized_length) {
-  size_t length = 0;
+int signForServer(TextScanner* scanner, Numbers* numbers, int* normalized_length) {
+  static_assert(kUnit % 64 == 0, "a server piece has words of its own");
+  // Before the end of a text a piece of it is longer than texts with several picks.
+  static_assert(kPieceBytes - kLeastRun > (DLP_PIECE_NUMBER + 1) * kUnit);
   while (scanner->next()) {
-    // Before the end of a text a piece is longer than texts with several picks.
     const size_t server_pieces = scanner->kept() / kUnit + 1;
-    const uint32_t wanted =
-        std::max(1u, static_cast<uint32_t>(size_t{DLP_PIECE_NUMBER} / server_pieces));
+    const uint32_t wanted = std::max(1u, static_cast<uint32_t>(DLP_PIECE_NUMBER / server_pieces));
     for (size_t first = 0; first < scanner->windows(); first += kUnit) {
-      length += foldPicks(scanner->text() + first, scanner->selected() + first / 64,
-                          std::min(kUnit, scanner->windows() - first), wanted, numbers + length);
+      if (!numbers->reserve(wanted)) return kErrMem;
+      foldPicks(scanner->text() + first, scanner->selected() + first / 64,
+                std::min(kUnit, scanner->windows() - first), wanted, numbers);
     }
   }
   if (normalized_length != nullptr) *normalized_length = static_cast<int>(scanner->kept());
-  return handOut(numbers, length, signatures, count);
+  return kOk;
 }
-static_assert(kPieceBytes - kLeastRun > size_t{DLP_PIECE_NUMBER} * kUnit + kUnit);
-static_assert(kUnit % 64 == 0, "a server piece has words of its own");
 
-// Room for all signatures that a document can have.
-size_t largestList(Platform platform, size_t kept) {
-  const size_t server_pieces = kept / kUnit + 1;
-  return platform == kServer ? std::max(size_t{DLP_PIECE_NUMBER}, server_pieces)
-                             : std::min(size_t{kClientWindows}, kept);
+// Signatures that a text hardly ever has more of, so that their list need not grow.
+size_t usualList(Platform platform, size_t length) {
+  if (platform == kServer) return length / kUnit + DLP_PIECE_NUMBER;
+  return std::min(length / (DLP_PRIME / 2) + 64, size_t{kClientWindows});
 }
 
 }  // namespace
@@ -296,14 +314,13 @@ int signText(const TextKernel& kernel, Platform platform, const unsigned char* t
              Signature** signatures, int* count, int* normalized_length) {
   *signatures = nullptr;
   *count = 0;
-  const int most_kept = std::min(length, maxContentSize());
   if (length < DLP_SLIDE_WINDOW) return kOk;
+  Numbers numbers;
   TextScanner scanner(kernel, text, length);
-  const size_t room = largestList(platform, static_cast<size_t>(std::max(most_kept, 1)));
-  const MallocArray<uint64_t> numbers = mallocArray<uint64_t>(room);
-  if (!numbers || !scanner.allocate()) return kErrMem;
-  if (platform == kServer) {
-    return signForServer(&scanner, numbers.get(), signatures, count, normalized_length);
-  }
-  return signForClient(&scanner, numbers.get(), room, signatures, count, normalized_length);
+  const size_t most_kept = static_cast<size_t>(std::clamp(maxContentSize(), 0, length));
+  if (!numbers.reserve(usualList(platform, most_kept)) || !scanner.allocate()) return kErrMem;
+  const int status = platform == kServer ? signForServer(&scanner, &numbers, normalized_length)
+                                         : signForClient(&scanner, &numbers, normalized_length);
+  if (status != kOk) return status;
+  return handOut(numbers.get(), numbers.length(), signatures, count);
 }

@@ -14,7 +14,10 @@
 #include "text_kernel.h"
 
 inline constexpr uint32_t kClientWindows = 10000;  // selected windows kept of a client document
-inline constexpr size_t kPieceBytes = 64 << 10;
+// Normalised bytes per piece. No power of two, or the streams of a kernel would all lie
+// in the same sets of the cache; and so few that a call's memory does not make malloc()
+// give it back to the system each time.
+inline constexpr size_t kPieceBytes = 40 << 10;
 
 // The list of `length` bytes of text, as a malloc block; null when it is empty.
 // `normalized_length` may be null, which spares the client the rest of a text whose

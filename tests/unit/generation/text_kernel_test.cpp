@@ -18,9 +18,6 @@ void PrintTo(const TextKernel* kernel, std::ostream* out) { *out << kernel->name
 
 namespace {
 
-using documents::Random;
-using twin::Family;
-
 const unsigned char* bytes(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.data());
 }
