@@ -11,6 +11,8 @@
 #include "harness.h"
 #include "input.h"
 #include "scoped.h"
+#include "text_kernel.h"
+#include "text_signatures.h"
 
 namespace {
 
@@ -42,6 +44,27 @@ std::string madeText(Input* input) {
     text.replace(at, patch.size(), patch);
   }
   return text;
+}
+
+// With a sink attached, as here, the library goes window by window; so the kernels are
+// called by themselves.
+void checkKernels(bool is_server, const char* content, int length, const twin::List& expected,
+                  int expected_length) {
+  for (const TextKernel* const kernel : supportedKernels()) {
+    Signature* list = nullptr;
+    int count = -1;
+    int normalized_length = 0;
+    FUZZ_EQUAL(0, signText(*kernel, is_server ? kServer : kClient,
+                           reinterpret_cast<const unsigned char*>(content), length, &list, &count,
+                           &normalized_length));
+    const MallocArray<Signature> owner(list);
+    FUZZ_EQUAL(expected.size(), count);
+    FUZZ_CHECK((list == nullptr) == (count == 0));
+    for (size_t i = 0; i < expected.size(); ++i) {
+      FUZZ_EQUAL(0, std::memcmp(expected[i].data(), list[i].bytes, 8));
+    }
+    FUZZ_EQUAL(expected_length, normalized_length);
+  }
 }
 
 }  // namespace
@@ -87,6 +110,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_EQUAL(0, std::memcmp(expected[i].data(), list[i].bytes, 8));
   }
   FUZZ_EQUAL(expected_length, normalized_length);
+  if (!is_binary && family == twin::Family::kKarpRabin) {
+    checkKernels(is_server, content.get(), length, expected, expected_length);
+  }
   FUZZ_CHECK(std::memcmp(content.get(), text.data(), text.size()) == 0);
   releaseTextSignaturer();
   return 0;

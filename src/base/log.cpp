@@ -33,6 +33,10 @@ int log(int level, const char* format, ...) {
   return result;
 }
 
+bool hasSink(int level) {
+  return isLevel(level) && sinks[level - 1].load(std::memory_order_acquire).function != nullptr;
+}
+
 }  // namespace tessera
 
 extern "C" int tessera_set_log_sink(int level, tessera_log_sink sink) {

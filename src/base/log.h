@@ -28,6 +28,10 @@ int log(int level, const char* format, ...)
 #endif
     ;
 
+// Whether a sink would take what is logged at `level` now, for work whose messages
+// cost more than the work itself. Any thread.
+bool hasSink(int level);
+
 namespace detail {
 
 // "int dlp_btree::load(const char*, int)" becomes "dlp_btree::load": what

@@ -10,11 +10,11 @@
 #include "log.h"
 #include "rolling_hash.h"
 #include "status.h"
+#include "text_signatures.h"
 
 namespace {
 
-constexpr uint32_t kClientWindows = 10000;  // selected windows kept of one client document
-constexpr uint32_t kPieceWindows = 5000;    // and of one server piece
+constexpr uint32_t kPieceWindows = 5000;  // selected windows kept of one server piece
 
 // ---- Range scan: one body for both families ----
 

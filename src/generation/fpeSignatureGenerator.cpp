@@ -7,6 +7,7 @@
 #include "fpeSigGenTable.h"
 #include "log.h"
 #include "status.h"
+#include "text_signatures.h"
 
 namespace {
 
@@ -31,6 +32,14 @@ int generate(const char* content, int length, Signature** signatures, int* count
   return getSignatureClient(bytes, length, signatures, count, normalized_length, scan);
 }
 
+// The level of all messages of the text path. Whoever listens there hears of every
+// window out of the ordinary, so these are then gone through one by one.
+constexpr int kMessageLevel = 3;
+
+bool withoutMessages() {
+  return text_signaturer.karp_rabin_ready && !tessera::hasSink(kMessageLevel);
+}
+
 }  // namespace
 
 int generateVornetSignature_KR(const char* content, int length, Signature** signatures, int* count,
@@ -39,6 +48,11 @@ int generateVornetSignature_KR(const char* content, int length, Signature** sign
   if (length < 1 || content == nullptr) {
     LOG_INFO("docLen (%d) <= 0 || docContent == NULL", length);
     return kOk;
+  }
+  if (generation_type != kBinaryContent && withoutMessages()) {
+    return signText(*supportedKernels().front(), static_cast<Platform>(text_signaturer.platform),
+                    reinterpret_cast<const unsigned char*>(content), length, signatures, count,
+                    normalized_length);
   }
   return generate(content, length, signatures, count, generation_type, normalized_length,
                   getHashValues_KR, getHashValuesNoHorner_KR);

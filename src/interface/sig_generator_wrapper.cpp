@@ -74,9 +74,8 @@ bool acceptContentSize(int bytes) {
 int generate(const char* content, int length, unsigned char (**signatures)[8], int* count,
              int generation_type) {
   Signature* list = nullptr;
-  int normalized_length = 0;
-  const int status = generateVornetSignature_KR(content, length, &list, count, generation_type,
-                                                &normalized_length);
+  const int status =
+      generateVornetSignature_KR(content, length, &list, count, generation_type, nullptr);
   *signatures = reinterpret_cast<unsigned char(*)[8]>(list);
   return status == kOk ? kSuccess : kFailure;
 }

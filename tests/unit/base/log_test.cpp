@@ -93,6 +93,15 @@ TEST(Log, ARemovedSinkIsNotCalled) {
   EXPECT_EQ(0, called_level);
 }
 
+TEST(Log, ALevelIsKnownToHaveASink) {
+  EXPECT_FALSE(tessera::hasSink(3));
+  ASSERT_EQ(0, tessera_set_log_sink(3, sink<3>));
+  EXPECT_TRUE(tessera::hasSink(3));
+  for (const int level : {0, 1, 2, 4, 5, 6, -1}) EXPECT_FALSE(tessera::hasSink(level));
+  ASSERT_EQ(0, tessera_set_log_sink(3, nullptr));
+  EXPECT_FALSE(tessera::hasSink(3));
+}
+
 TEST(Log, ASinkForALevelOutsideOneToFiveIsRefused) {
   for (const int level : {0, 6, -1}) EXPECT_EQ(-1, tessera_set_log_sink(level, sink<3>));
 }

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "documents.h"
 #include "fail_point.h"
@@ -140,6 +141,24 @@ TEST_P(VornetSignature, AFailureIsPassedUpWithNoListAndNoCount) {
     EXPECT_EQ(kErrMem, result.status);
     EXPECT_TRUE(result.list.empty());
   }
+}
+
+// Two pieces of one letter have no selected window, and behind them the sums that
+// leave are larger than what is left.
+TEST_P(VornetSignature, AListenerHearsEveryMessageAndTheListIsTheSame) {
+  ASSERT_EQ(kOk, initTextSignaturer(kServer, 3));
+  setMaxContentSize(1 << 20);
+  const std::string text = std::string(2500, 'z') + documents::letters(3000, 3);
+  const Result unheard = run(text, 21);
+  LogCapture log;
+  EXPECT_EQ(unheard.list, run(text, 21).list);
+  const std::vector<std::string> messages = log.messages();
+  EXPECT_EQ(
+      2, std::count(messages.begin(), messages.end(), "oh shit, we get a unsuitable prime, j = 0"));
+  const bool overflows = std::any_of(messages.begin(), messages.end(), [](const auto& message) {
+    return message.starts_with("overflow occurs");
+  });
+  EXPECT_EQ(GetParam().family == Family::kKarpRabin, overflows);
 }
 
 TEST_P(VornetSignature, CaseMatters) {
