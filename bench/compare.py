@@ -50,11 +50,11 @@ def main():
     parser.add_argument("old")
     parser.add_argument("new")
     parser.add_argument("--program", action="append", metavar="P",
-                        help="generation, match, store_load ...; may be repeated")
+                        help="text_signatures, store_load ...; may be repeated")
     parser.add_argument("--filter", default=".", metavar="REGEX", help="of the rows")
     parser.add_argument("--rounds", type=int, default=5, metavar="N")
     arguments = parser.parse_args()
-    programs = arguments.program or ["generation", "match"]
+    programs = arguments.program or ["text_signatures"]
 
     measured = {}
     sides = [built(arguments.old, programs), built(arguments.new, programs)]

@@ -37,7 +37,7 @@ def row_by_row(program, count, pattern="."):
 
 
 FAMILIES = {
-    "generation": [in_one_process("generation", *SHORT)],
+    "generation": [in_one_process("text_signatures", *SHORT)],
     "match": [in_one_process("match", *SHORT)],
     "store": [row_by_row("store_load", 3, "/1M/"), row_by_row("store_load", 1, "/5M/")],
     "whole": [in_one_process("whole_library", "--benchmark_repetitions=3", *TURNS)],

@@ -20,7 +20,7 @@ from matplotlib import pyplot  # noqa: E402: the backend comes first
 import rounds  # noqa: E402
 
 TEXT_SIZES = ["4KiB", "16KiB", "64KiB", "1MiB", "64MiB"]
-KERNELS = ["plain", "x86-64", "avx2", "avx512"]
+KERNELS = ["plain", "portable", "avx2", "avx512"]
 
 
 # Cells
@@ -71,16 +71,17 @@ def text_tables(measured):
                 rows.append([f"{platform}, {size}", seconds(took["plain"]),
                              *(times(took["plain"], took[k]) for k in KERNELS[1:]),
                              seconds(took["avx512"])])
-        return table(["text", "plain", "x86-64", "AVX2", "AVX-512", "with AVX-512"], rows)
+        return table(["text", "plain", "any processor", "AVX2", "AVX-512", "with AVX-512"], rows)
 
-    peers = ["sha256", "ssdeep", "tlsh", "xxh3", "memcpy"]
+    peers = {"sha256": "openssl", "ssdeep": "libfuzzy", "tlsh": "tlsh", "xxh3": "xxhash",
+             "memcpy": "libc"}
     rows = []
     for size in TEXT_SIZES:
         for platform in ("client", "server"):
             ours = rounds.median(measured, f"text/{platform}/{size}/avx512")
             rows.append([f"{platform}, {size}", seconds(ours),
-                         *(times(rounds.median(measured, f"text/{peer}/{size}"), ours)
-                           for peer in peers)])
+                         *(times(rounds.median(measured, f"text/{peer}/{size}/{maker}"), ours)
+                           for peer, maker in peers.items())])
     return {
         "text kernels": kernels("text"),
         "binary-like kernels": kernels("binarylike"),

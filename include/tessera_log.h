@@ -18,8 +18,9 @@ typedef int (*tessera_log_sink)(const char* format, va_list arguments);
 
 /* Installs `sink` for one level, or removes it with NULL. Level 3 bears nearly
  * every message, level 4 a few informational ones; the word "Error" or "Info"
- * inside the text is independent of it. Returns 0; -1 for a level outside 1 to
- * 5. May be called at any time from any thread. */
+ * inside the text is independent of it. While level 3 has a sink, texts are gone
+ * through window by window, which takes about ten times as long. Returns 0; -1 for
+ * a level outside 1 to 5. May be called at any time from any thread. */
 int tessera_set_log_sink(int level, tessera_log_sink sink);
 
 #ifdef __cplusplus
