@@ -28,6 +28,7 @@
 #include "meta_data.h"
 #include "platform.h"
 #include "scoped.h"
+#include "signature_locator.h"
 #include "table_format.h"
 #include "vn_config.h"
 
@@ -36,19 +37,6 @@ struct FsidPair {
   int32_t source;  // source ID
 };
 static_assert(sizeof(FsidPair) == 8, "hits are counted by the million");
-
-// The strong table as a search has opened it.
-struct StrongTable {
-  platform::File* file;
-  uint32_t ele_num;  // elements: nothing beyond is loaded
-};
-
-// Some of the query's signatures, ascending; equal ones may repeat.
-struct QuerySpan {
-  uint32_t n;
-  const Signature* signatures;
-  const uint32_t* bOut;  // n marks: 1 for a signature whose prefix does not occur
-};
 
 // The answers, one entry for each query signature. Elements [st_pos, en_pos)
 // bear the signature where bFind is 1. Where it is 0 the other two tell nothing
@@ -112,31 +100,11 @@ class FidIndexSearchEngine {
   int SearchSignatures(uint32_t sig_num, const Signature* signatures, uint32_t* sig_find_num,
                        const QueryRanges& ranges) const;
 
-  // All signatures of `query` against the elements [low, high) of the table.
-  int dbinary_find_signature_range(const StrongTable& table, const QuerySpan& query, uint32_t low,
+  // All signatures of `query` against the elements [low, high) of the locator's
+  // table, as far as they have the signature's prefix.
+  int dbinary_find_signature_range(SignatureLocator* locator, const QuerySpan& query, uint32_t low,
                                    uint32_t high, uint32_t* found_num,
                                    const QueryRanges& ranges) const;
-
-  // The signatures `query_low` to `query_high` of `query`, both included, against
-  // elements in memory.
-  int dbinary_find_signature_range(uint32_t ele_num, const StrongElement* elements,
-                                   const QuerySpan& query, uint32_t* found_num,
-                                   const QueryRanges& ranges, uint32_t query_low,
-                                   uint32_t query_high) const;
-
-  // One signature against the elements [low, high) of the table, which the second
-  // form reads into memory at once.
-  int binary_find_signature_range(const StrongTable& table, const Signature& signature,
-                                  uint32_t low, uint32_t high, uint32_t* found, uint32_t* first,
-                                  uint32_t* last) const;
-  int binary_find_signature_range_mem(const StrongTable& table, const Signature& signature,
-                                      uint32_t low, uint32_t high, uint32_t* found, uint32_t* first,
-                                      uint32_t* last) const;
-
-  // One signature against elements in memory. Returns 0; -1 when there are none.
-  int binary_find_signature_range_tbl_mem(const Signature& signature, uint32_t ele_num,
-                                          const StrongElement* elements, uint32_t* found,
-                                          uint32_t* first, uint32_t* last) const;
 
   // Reads the pairs of all found ranges, in the order of the query: *fsid_num of
   // them. Returns 0; -1 when there is none, -4 or -5: *fsid is null then.
@@ -177,8 +145,8 @@ class FidIndexSearchEngine {
   std::shared_ptr<const LoadedTables> tables_;  // null when nothing is loaded
 };
 
-// The elements that a search loads at once, at most. Two at the least: halving
-// what is above the limit must leave something on both sides.
+// The elements that a batch spans and a read takes, at most. Two at the least:
+// halving what is above the limit must leave something on both sides.
 inline uint32_t FidIndexSearchEngine::loadLimit() const {
   return max_ele_num_load_ < 2 ? 2 : max_ele_num_load_;
 }
