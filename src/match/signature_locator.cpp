@@ -1,30 +1,76 @@
 #include "signature_locator.h"
 
 #include <algorithm>
+#include <numeric>
 
 namespace {
 
-constexpr uint32_t kReadWhole = 256;  // elements: shorter ranges are not probed
-constexpr uint32_t kProbe = 192;      // elements of a probe
+constexpr uint32_t kReadWhole = 96;   // elements: shorter ranges are not probed
+constexpr uint32_t kLeastProbe = 48;  // elements of a window, more in longer ranges
+constexpr uint32_t kMostProbe = 192;
 
-// Where between its ends the bracket's keys would have `key`, were they spread
-// evenly.
-uint32_t evenPlace(uint64_t key, uint32_t low, uint32_t high, uint64_t least, uint64_t most) {
-  if (key <= least) return low;
-  if (key >= most) return high;
-  const double share = static_cast<double>(key - least) / static_cast<double>(most - least);
-  return low + static_cast<uint32_t>(share * (high - low));
+unsigned byteOf(uint64_t key, int number) {
+  return static_cast<unsigned>(key >> (56 - 8 * number) & 255);
 }
 
 }  // namespace
 
+Spread::Spread(const PrefixRange* directory) {
+  std::array<uint64_t, 257> before = {};
+  for (uint32_t prefix = 0; prefix < kPrefixCount; ++prefix) {
+    before[prefix % 256 + 1] += directory[prefix].end - directory[prefix].start;
+  }
+  std::partial_sum(before.begin(), before.end(), before.begin());
+  if (before[256] == 0) return;
+  std::transform(before.begin(), before.end(), below_.begin(), [&](uint64_t count) {
+    return static_cast<double>(count) / static_cast<double>(before[256]);
+  });
+}
+
+double Spread::below(uint64_t key) const {
+  double share = byteOf(key, 5) / 256.0;
+  for (int number = 4; number >= 2; --number) {
+    const unsigned byte = byteOf(key, number);
+    share = below_[byte] + share * (below_[byte + 1] - below_[byte]);
+  }
+  return share;
+}
+
+bool KeptPairs::allocate() {
+  if (!pairs_) pairs_ = mallocArray<FsidPair>(capacity_);
+  if (!runs_) runs_ = mallocArray<Run>(sig_num_);
+  return pairs_ && runs_;
+}
+
+void KeptPairs::keep(uint32_t first, uint32_t last, const StrongElement* elements) {
+  if (last - first > capacity_ - pair_num_) return;
+  runs_[run_num_++] = {first, last};
+  for (const StrongElement* end = elements + (last - first); elements < end; ++elements) {
+    pairs_[pair_num_++] = {elements->fid, elements->source};
+  }
+}
+
+const FsidPair* KeptPairs::take(uint32_t first, uint32_t last) {
+  if (runs_taken_ == run_num_) return nullptr;
+  const Run& next = runs_[runs_taken_];
+  if (next.first != first || next.last != last) return nullptr;
+  ++runs_taken_;
+  const FsidPair* const pairs = pairs_.get() + pairs_taken_;
+  pairs_taken_ += last - first;
+  return pairs;
+}
+
 SignatureLocator::SignatureLocator(const StrongTable& table, const PrefixRange* directory,
-                                   uint32_t load_limit)
-    : table_(table), directory_(directory), capacity_(std::min(load_limit, kMostReadElements)) {}
+                                   const Spread& spread, uint32_t load_limit, KeptPairs* kept)
+    : table_(table),
+      directory_(directory),
+      spread_(spread),
+      kept_(kept),
+      capacity_(std::min(load_limit, kMostReadElements)) {}
 
 bool SignatureLocator::allocate() {
   if (!window_) window_ = mallocArray<StrongElement>(capacity_);
-  return window_ != nullptr;
+  return window_ && (kept_ == nullptr || kept_->allocate());
 }
 
 ReadResult SignatureLocator::locate(const QuerySpan& query, uint32_t low, uint32_t high,
@@ -36,16 +82,16 @@ ReadResult SignatureLocator::locate(const QuerySpan& query, uint32_t low, uint32
     if (query.bOut[i] != 0) continue;
     const Bounds bounds = boundsOf(query.signatures[i]);
     const uint64_t key = signatureKey(query.signatures[i]);
-    const uint64_t least = key >> 48 << 48;
-    const uint64_t most = least | (UINT64_MAX >> 16);
-    ReadResult result = lowerBound(key, {bounds.low, bounds.high, least, most}, i + 1, &first[i]);
+    ReadResult result = lowerBound(key, {bounds.low, bounds.high, 0, 1}, i + 1, &first[i]);
     if (result != ReadResult::kDone) return result;
-    if (key == UINT64_MAX) {
-      last[i] = bounds.high;
-      continue;
+    last[i] = bounds.high;
+    if (key != UINT64_MAX) {
+      result = lowerBound(key + 1, {first[i], bounds.high, 0, 1}, i + 1, &last[i]);
+      if (result != ReadResult::kDone) return result;
     }
-    result = lowerBound(key + 1, {first[i], bounds.high, key, most}, i + 1, &last[i]);
-    if (result != ReadResult::kDone) return result;
+    if (kept_ != nullptr && begin_ <= first[i] && first[i] < last[i] && last[i] <= end_) {
+      kept_->keep(first[i], last[i], &window_[first[i] - begin_]);
+    }
   }
   return ReadResult::kDone;
 }
@@ -85,10 +131,10 @@ ReadResult SignatureLocator::lowerBound(uint64_t key, Bracket bracket, uint32_t 
     const uint32_t place = placeInWindow(key, from, to);
     if (place == from && from > bracket.low) {
       bracket.high = from;
-      bracket.most = keyAt(from);
+      bracket.below_high = spread_.below(keyAt(from));
     } else if (place == to && to < bracket.high) {
       bracket.low = to;
-      bracket.least = keyAt(to - 1);
+      bracket.below_low = spread_.below(keyAt(to - 1));
     } else {
       *position = place;
       return ReadResult::kDone;
@@ -96,6 +142,14 @@ ReadResult SignatureLocator::lowerBound(uint64_t key, Bracket bracket, uint32_t 
   }
   *position = bracket.low;
   return ReadResult::kDone;
+}
+
+uint32_t SignatureLocator::expectedPlace(uint64_t key, const Bracket& bracket) const {
+  const double span = bracket.below_high - bracket.below_low;
+  const double share = spread_.below(key) - bracket.below_low;
+  if (share <= 0) return bracket.low;
+  if (share >= span) return bracket.high;
+  return bracket.low + static_cast<uint32_t>(share / span * (bracket.high - bracket.low));
 }
 
 ReadResult SignatureLocator::readWindow(uint64_t key, const Bracket& bracket, uint32_t next,
@@ -106,10 +160,8 @@ ReadResult SignatureLocator::readWindow(uint64_t key, const Bracket& bracket, ui
   if (count <= std::min(kReadWhole, capacity_)) {
     to = joinedEnd(bracket, next);
   } else {
-    const uint32_t width = std::min(kProbe, capacity_);
-    const uint32_t middle =
-        guess ? evenPlace(key, bracket.low, bracket.high, bracket.least, bracket.most)
-              : bracket.low + count / 2;
+    const uint32_t width = std::min({kLeastProbe + count / 16, kMostProbe, capacity_});
+    const uint32_t middle = guess ? expectedPlace(key, bracket) : bracket.low + count / 2;
     from = std::min(middle - std::min(middle - bracket.low, width / 2), bracket.high - width);
     to = from + width;
   }

@@ -32,12 +32,6 @@
 #include "table_format.h"
 #include "vn_config.h"
 
-struct FsidPair {
-  int32_t fid;     // distance from fid_base
-  int32_t source;  // source ID
-};
-static_assert(sizeof(FsidPair) == 8, "hits are counted by the million");
-
 // The answers, one entry for each query signature. Elements [st_pos, en_pos)
 // bear the signature where bFind is 1. Where it is 0 the other two tell nothing
 // to rely on: the place where the signature would stand, if it was looked for.
@@ -53,6 +47,7 @@ struct LoadedTables {
   uint32_t ele_num = 0;                       // elements of the strong table
   MallocArray<PrefixRange> weak_sig_block;    // kPrefixCount entries
   MallocArray<PrefixRange> strong_sig_block;  // kPrefixCount entries
+  Spread spread;                              // of the strong table
 };
 
 inline constexpr uint32_t kTableNameSize = 40;
@@ -127,6 +122,13 @@ class FidIndexSearchEngine {
                           MallocArray<uint32_t>* freq) const;
 
  private:
+  // The two steps as the whole search runs them: what the first reads of the hits
+  // on its way is kept for the second. `kept` may be null.
+  int SearchSignatures(uint32_t sig_num, const Signature* signatures, uint32_t* sig_find_num,
+                       const QueryRanges& ranges, KeptPairs* kept) const;
+  int build_sig_fid_info_tbl(uint32_t sig_num, const QueryRanges& ranges, KeptPairs* kept,
+                             uint32_t* fsid_num, MallocArray<FsidPair>* fsid) const;
+
   uint32_t loadLimit() const;
   int countElements(platform::File* strong_table, uint32_t* ele_num) const;
 

@@ -66,13 +66,14 @@ int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* si
   *fid_num = 0;
   fid_info->reset();
   freq->reset();
-  int ret = SearchSignatures(sig_num, signatures, sig_find_num, ranges);
+  KeptPairs kept(sig_num);
+  int ret = SearchSignatures(sig_num, signatures, sig_find_num, ranges, &kept);
   if (ret != kOk) {
     LOG_ERROR("SearchSignatures (strong) fail");
     return ret;
   }
   if (*sig_find_num == 0) return kOk;
-  ret = build_sig_fid_info_tbl(sig_num, ranges, fid_num, fid_info);
+  ret = build_sig_fid_info_tbl(sig_num, ranges, &kept, fid_num, fid_info);
   if (ret != kOk) {
     LOG_ERROR("build_sig_fid_info_tbl fail");
     return ret;
@@ -89,6 +90,12 @@ int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* si
 int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* signatures,
                                            uint32_t* sig_find_num,
                                            const QueryRanges& ranges) const {
+  return SearchSignatures(sig_num, signatures, sig_find_num, ranges, nullptr);
+}
+
+int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* signatures,
+                                           uint32_t* sig_find_num, const QueryRanges& ranges,
+                                           KeptPairs* kept) const {
   *sig_find_num = 0;
   if (sig_num == 0) {
     LOG_ERROR("no sig to find (sig_num == 0)");
@@ -110,7 +117,8 @@ int FidIndexSearchEngine::SearchSignatures(uint32_t sig_num, const Signature* si
     return kOk;
   }
   const uint32_t load_limit = std::min(table.ele_num, loadLimit());
-  SignatureLocator locator(table, tables_->strong_sig_block.get(), load_limit);
+  SignatureLocator locator(table, tables_->strong_sig_block.get(), tables_->spread, load_limit,
+                           kept);
   const auto bOut = mallocArray<uint32_t>(sig_num);
   if (!bOut) {
     LOG_ERROR("no mem for bOut");

@@ -47,10 +47,18 @@ uint32_t groupEnd(uint32_t i, uint32_t sig_num, const QueryRanges& ranges, uint3
   return end;
 }
 
-// Appends at *out the pairs of the signatures [i, end), whose ranges ascend.
-// The buffer has room for `buffer_size` elements.
+// Appends at *out the pairs of the signatures [i, end), whose ranges ascend: those
+// that were kept, and the others from the file. The buffer has room for
+// `buffer_size` elements.
 ReadResult readPairs(platform::File* file, uint32_t i, uint32_t end, const QueryRanges& ranges,
-                     StrongElement* buffer, uint32_t buffer_size, FsidPair** out) {
+                     KeptPairs* kept, StrongElement* buffer, uint32_t buffer_size, FsidPair** out) {
+  const auto appendKept = [&](uint32_t k) {
+    const uint32_t count = ranges.en_pos[k] - ranges.st_pos[k];
+    const FsidPair* const pairs =
+        kept != nullptr ? kept->take(ranges.st_pos[k], ranges.en_pos[k]) : nullptr;
+    if (pairs != nullptr) *out = std::copy_n(pairs, count, *out);
+    return pairs != nullptr;
+  };
   const auto append = [buffer, out](uint32_t from, uint32_t to) {
     *out = std::transform(buffer + from, buffer + to, *out, [](const StrongElement& element) {
       return FsidPair{element.fid, element.source};
@@ -58,7 +66,7 @@ ReadResult readPairs(platform::File* file, uint32_t i, uint32_t end, const Query
   };
   for (uint32_t part_end; i < end; i = part_end) {
     part_end = i + 1;
-    if (ranges.bFind[i] == 0) continue;
+    if (ranges.bFind[i] == 0 || appendKept(i)) continue;
     part_end = groupEnd(i, end, ranges, buffer_size, kReadGap);
     const uint32_t start = ranges.st_pos[i];
     const uint32_t count = ranges.en_pos[part_end - 1] - start;
@@ -75,18 +83,32 @@ ReadResult readPairs(platform::File* file, uint32_t i, uint32_t end, const Query
     const ReadResult result = readElements(file, start, count, buffer);
     if (result != ReadResult::kDone) return result;
     for (uint32_t k = i; k < part_end; ++k) {
-      if (ranges.bFind[k] != 0) append(ranges.st_pos[k] - start, ranges.en_pos[k] - start);
+      if (ranges.bFind[k] == 0 || (k > i && appendKept(k))) continue;
+      append(ranges.st_pos[k] - start, ranges.en_pos[k] - start);
     }
   }
   return ReadResult::kDone;
 }
 
-int compareNumbers(int64_t left, int64_t right) { return left < right ? -1 : left > right ? 1 : 0; }
+int compareNumbers(uint64_t left, uint64_t right) {
+  return left < right ? -1 : left > right ? 1 : 0;
+}
+
+// A signed number as an unsigned one of the same order.
+uint32_t ordered(int32_t number) { return static_cast<uint32_t>(number) ^ 0x80000000; }
+
+uint64_t joined(uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; }
 
 }  // namespace
 
 int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRanges& ranges,
                                                  uint32_t* fsid_num,
+                                                 MallocArray<FsidPair>* fsid) const {
+  return build_sig_fid_info_tbl(sig_num, ranges, nullptr, fsid_num, fsid);
+}
+
+int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRanges& ranges,
+                                                 KeptPairs* kept, uint32_t* fsid_num,
                                                  MallocArray<FsidPair>* fsid) const {
   fsid->reset();
   const auto file = platform::current().open(stbl_path_, platform::OpenMode::kRead);
@@ -140,7 +162,7 @@ int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRa
       return kErrFile;
     }
     end = groupEnd(i, sig_num, ranges, group_size, UINT32_MAX);
-    switch (readPairs(file.get(), i, end, ranges, buffer.get(), buffer_size, &out)) {
+    switch (readPairs(file.get(), i, end, ranges, kept, buffer.get(), buffer_size, &out)) {
       case ReadResult::kDone:
         break;
       case ReadResult::kSeekFailed:
@@ -206,8 +228,8 @@ int FidIndexSearchEngine::process_fid_info(uint32_t* fid_num, MallocArray<FsidPa
 int FidIndexSearchEngine::quick_sort_fsid_pair(uint32_t n, FsidPair* fsid) const {
   if (n == 0) return kErrState;
   const auto compare = [fsid](uint32_t a, uint32_t b) {
-    const int order = compareNumbers(fsid[a].fid, fsid[b].fid);
-    return order != 0 ? order : compareNumbers(fsid[a].source, fsid[b].source);
+    return compareNumbers(joined(ordered(fsid[a].fid), ordered(fsid[a].source)),
+                          joined(ordered(fsid[b].fid), ordered(fsid[b].source)));
   };
   const auto swap = [fsid](uint32_t a, uint32_t b) { std::swap(fsid[a], fsid[b]); };
   switch (stackedQuickSort(n, compare, swap)) {
@@ -230,9 +252,9 @@ int FidIndexSearchEngine::quick_sort_fsid_freq_pair(uint32_t n, FsidPair* fsid,
                                                     uint32_t* freq) const {
   if (n == 0) return kErrState;
   const auto compare = [fsid, freq](uint32_t a, uint32_t b) {
-    if (fsid[a].source != fsid[b].source) return compareNumbers(fsid[a].source, fsid[b].source);
-    if (freq[a] != freq[b]) return compareNumbers(freq[b], freq[a]);
-    return compareNumbers(fsid[a].fid, fsid[b].fid);
+    const int order = compareNumbers(joined(ordered(fsid[a].source), ~freq[a]),
+                                     joined(ordered(fsid[b].source), ~freq[b]));
+    return order != 0 ? order : compareNumbers(ordered(fsid[a].fid), ordered(fsid[b].fid));
   };
   const auto swap = [fsid, freq](uint32_t a, uint32_t b) {
     std::swap(fsid[a], fsid[b]);

@@ -26,7 +26,7 @@ int chk_search_table_ele_num(platform::File* file, uint32_t* ele_num);
 
 // What a read of elements costs, in elements that could be copied meanwhile: what
 // lies closer together is read at once.
-inline constexpr uint32_t kReadGap = 512;
+inline constexpr uint32_t kReadGap = 320;
 
 // The elements of one read, at most: 64 KiB.
 inline constexpr uint32_t kMostReadElements = 4096;

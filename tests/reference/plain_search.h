@@ -20,13 +20,9 @@
 #include "platform.h"
 #include "scoped.h"
 #include "table_format.h"
+#include "vn_fid_search_engine.h"
 
 namespace plain_search {
-
-struct Pair {
-  int32_t fid;
-  int32_t source;
-};
 
 // One entry for each query signature, which the elements [first, last) bear when
 // it is found.
@@ -83,17 +79,17 @@ class Search {
   }
 
   // The pairs of all found ranges, in the order of the query.
-  MallocArray<Pair> pairs(uint32_t n, const Ranges& ranges, uint32_t* count) {
+  MallocArray<FsidPair> pairs(uint32_t n, const Ranges& ranges, uint32_t* count) {
     openTable();
     uint64_t hits = 0;
     for (uint32_t i = 0; i < n; ++i) {
       if (ranges.found[i] != 0) hits += ranges.last[i] - ranges.first[i];
     }
-    auto pairs = mallocArray<Pair>(hits);
+    auto pairs = mallocArray<FsidPair>(hits);
     const uint32_t buffer_size = std::min(limit_, ele_num_);
     const auto buffer = mallocArray<StrongElement>(buffer_size);
     check(pairs && buffer && hits <= UINT32_MAX);
-    Pair* out = pairs.get();
+    FsidPair* out = pairs.get();
     const auto append = [&](uint32_t from, uint32_t to) {
       for (; from < to; ++from) *out++ = {buffer[from].fid, buffer[from].source};
     };

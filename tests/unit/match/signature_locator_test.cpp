@@ -36,6 +36,7 @@ class Locator : public testing::Test {
       if (range.end == 0) range.start = i;
       range.end = i + 1;
     }
+    spread = Spread(directory.data());
   }
 
   ReadResult locate(const std::vector<Signature>& query, uint32_t load_limit, uint32_t low,
@@ -49,7 +50,7 @@ class Locator : public testing::Test {
     }
     const auto file = platform::current().open("table", platform::OpenMode::kRead);
     SignatureLocator locator({file.get(), static_cast<uint32_t>(elements.size())}, directory.data(),
-                             load_limit);
+                             spread, load_limit, kept);
     EXPECT_TRUE(locator.allocate());
     return locator.locate({n, query.data(), marks.data()}, low, high, first.data(), last.data());
   }
@@ -88,6 +89,8 @@ class Locator : public testing::Test {
   TempDir dir;
   std::vector<StrongElement> elements;
   std::vector<PrefixRange> directory;
+  Spread spread;
+  KeptPairs* kept = nullptr;
   std::vector<uint32_t> first, last;
 };
 
@@ -142,21 +145,21 @@ TEST_F(Locator, WhatLiesOutsideTheBoundsIsNotLookedAt) {
 }
 
 TEST_F(Locator, AShortPrefixRangeIsOneRead) {
-  take(places(256, 2));
+  take(places(96, 2));
   EXPECT_EQ(1, reads({at(77)}));
   EXPECT_EQ(1, reads({at(0), at(3), at(100), at(100), at(511)}));
 }
 
-// Ranges of 100 elements. 512 that are not asked for are still read along.
+// Ranges of 80 elements. 320 that are not asked for are still read along.
 TEST_F(Locator, NeighboursAreReadTogetherAndDistantOnesAreNot) {
   std::vector<StrongElement> list;
   for (int prefix = 0; prefix < 60; ++prefix) {
-    for (const StrongElement& e : places(100, 2, prefix)) list.push_back(e);
+    for (const StrongElement& e : places(80, 2, prefix)) list.push_back(e);
   }
   take(list);
   EXPECT_EQ(1, reads({at(4, 10), at(4, 11), at(4, 12)}));
   EXPECT_EQ(1, reads({at(4, 10), at(4, 14)}));
-  EXPECT_EQ(2, reads({at(4, 10), at(4, 16)}));
+  EXPECT_EQ(2, reads({at(4, 10), at(4, 15)}));
   // Absent ones are as near as any; what a read takes at most ends it.
   EXPECT_EQ(1, reads({at(4, 10), at(5, 11), at(4, 12)}));
   EXPECT_EQ(3, reads({at(4, 10), at(4, 11), at(4, 12)}, 150));
@@ -165,14 +168,27 @@ TEST_F(Locator, NeighboursAreReadTogetherAndDistantOnesAreNot) {
   EXPECT_EQ(2, reads(all));
 }
 
-TEST_F(Locator, EvenlySpreadSignaturesAreMetAtTheFirstGuess) {
-  std::vector<StrongElement> list;
-  for (int i = 0; i < 16384; ++i) {
-    list.push_back(element(signature({0x20, 0, i >> 6, i % 64 * 4, 0, 0, 0, 0}), i, 1));
-  }
-  take(list);
-  for (const int i : {0, 1, 100, 4711, 8192, 16383}) {
-    EXPECT_EQ(1, reads({list[static_cast<size_t>(i)].signature})) << i;
+// Bytes of any value, and sums of letters as a text has them: below the prefixes
+// that occur the signatures spread as the prefixes do.
+TEST_F(Locator, OneReadIsMostlyEnoughInALongRange) {
+  documents::Random random(20240712);
+  for (const int letters : {0, 8}) {
+    const auto byte = [&] {
+      if (letters == 0) return static_cast<int>(random.below(256));
+      uint64_t sum = 0;
+      for (int i = 0; i < letters; ++i) sum += 'a' + random.below(26);
+      return static_cast<int>(sum % 256);
+    };
+    std::vector<StrongElement> list;
+    for (int i = 0; i < 200000; ++i) {
+      list.push_back(
+          element(signature({0x20, byte(), byte(), byte(), byte(), byte(), byte(), byte()}), i, 1));
+    }
+    plain_tables::sort(&list);
+    take(list);
+    int all = 0;
+    for (size_t i = 0; i < list.size(); i += 1000) all += reads({list[i].signature});
+    EXPECT_LE(all, 240) << letters;  // for 200 queries
   }
 }
 
@@ -192,6 +208,60 @@ TEST_F(Locator, CrowdedPrefixesAndLongRunsTakeALogarithmicNumberOfReads) {
   EXPECT_LE(reads({at(999), at(1000), at(1000), at(1001)}), 4 * kMost);
 }
 
+// Found whole in the window or read by and by: only the former is kept.
+TEST_F(Locator, PairsThatWereReadAreKeptInTheOrderOfTheQuery) {
+  std::vector<StrongElement> list;
+  for (int i = 0; i < 3; ++i) list.push_back(element(at(10), i, 7));
+  for (int i = 0; i < 2000; ++i) list.push_back(element(at(20), i, 7));
+  list.push_back(element(at(30), 5, -7));
+  take(list);
+  KeptPairs pairs(5);
+  kept = &pairs;
+  ASSERT_EQ(ReadResult::kDone, locate({at(9), at(10), at(10), at(20), at(30)}, 209600, 0, 2004));
+  EXPECT_EQ(nullptr, pairs.take(2003, 2004));
+  for (int time = 0; time < 2; ++time) {
+    const FsidPair* const run = pairs.take(0, 3);
+    ASSERT_NE(nullptr, run);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(i, run[i].fid);
+      EXPECT_EQ(7, run[i].source);
+    }
+  }
+  EXPECT_EQ(nullptr, pairs.take(0, 3));
+  EXPECT_EQ(nullptr, pairs.take(3, 2003));
+  const FsidPair* const last_run = pairs.take(2003, 2004);
+  ASSERT_NE(nullptr, last_run);
+  EXPECT_EQ(5, last_run->fid);
+  EXPECT_EQ(-7, last_run->source);
+  EXPECT_EQ(nullptr, pairs.take(2003, 2004));
+}
+
+TEST(KeptPairs, WhatDoesNotFitIsLeftOut) {
+  const std::vector<StrongElement> elements(20, element(signature({1}), 3, 4));
+  KeptPairs pairs(2);  // 8 pairs
+  ASSERT_TRUE(pairs.allocate());
+  pairs.keep(0, 9, elements.data());
+  EXPECT_EQ(nullptr, pairs.take(0, 9));
+  pairs.keep(10, 15, elements.data());
+  pairs.keep(15, 19, elements.data());
+  pairs.keep(16, 19, elements.data());
+  EXPECT_NE(nullptr, pairs.take(10, 15));
+  EXPECT_EQ(nullptr, pairs.take(15, 19));
+  EXPECT_NE(nullptr, pairs.take(16, 19));
+}
+
+TEST_F(Locator, MemoryThatIsOutIsTold) {
+  FailPoint point;
+  for (int n = 1; n <= 3; ++n) {
+    KeptPairs pairs(2);
+    SignatureLocator locator({}, nullptr, spread, 10, &pairs);
+    point.fail(Call::kAllocate, n);
+    EXPECT_FALSE(locator.allocate());
+    EXPECT_TRUE(locator.allocate());  // and there is memory again
+    EXPECT_EQ(4, point.count());
+  }
+}
+
 TEST_F(Locator, AFailureIsTheFiles) {
   take(places(2000, 2));
   FailPoint point;
@@ -208,9 +278,9 @@ TEST_F(Locator, RandomQueriesInCrowdedTablesOfEveryLimit) {
   documents::Random random(seed);
   for (int round = 0; round < 30; ++round) {
     const uint64_t prefixes = 1 + random.below(40);
-    const uint64_t spread = 1 + random.below(40000);
+    const uint64_t distinct = 1 + random.below(40000);
     const auto any = [&] {
-      return at(static_cast<uint32_t>(random.below(spread)),
+      return at(static_cast<uint32_t>(random.below(distinct)),
                 static_cast<int>(random.below(prefixes)));
     };
     std::vector<StrongElement> list;

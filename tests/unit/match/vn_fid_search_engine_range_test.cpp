@@ -74,7 +74,9 @@ class RangeSearch : public testing::Test {
   }
   int searchPrepared(uint32_t low, uint32_t high) {
     const uint32_t load_limit = std::max(configuration.max_ele_num_load, 2u);
-    SignatureLocator locator(table, directory.data(), std::min(load_limit, table.ele_num));
+    const Spread spread(directory.data());
+    SignatureLocator locator(table, directory.data(), spread, std::min(load_limit, table.ele_num),
+                             nullptr);
     return engine.dbinary_find_signature_range(&locator, span(), low, high, &found_num, ranges());
   }
 
@@ -549,6 +551,20 @@ TEST_F(WholeSearch, AHugeLoadLimitReservesNoMoreThanTheTable) {
     EXPECT_EQ(3100 * sizeof(StrongElement), hooked.largestAllocation());
     EXPECT_TRUE(messages().empty());  // loaded whole: nothing was probed
   }
+}
+
+// What the range search met on its way is not read again for its pairs.
+TEST_F(WholeSearch, HitsAreReadOnce) {
+  load(evenPlaces(60), 100);
+  FailPoint point;
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, searchAll({at(2), at(4), at(5)}));
+  EXPECT_EQ(2u, fid_num);
+  EXPECT_EQ(1, point.count());
+  load(evenPlaces(60), 100);
+  point.fail(Call::kOpen, 0);
+  ASSERT_EQ(kOk, searchAll({at(2), at(4), at(5)}));
+  EXPECT_EQ(2, point.count());  // the table is still held against its count, twice
 }
 
 // The second step opens the table anew, and it may be another one by then.
