@@ -567,6 +567,23 @@ TEST_F(WholeSearch, HitsAreReadOnce) {
   EXPECT_EQ(2, point.count());  // the table is still held against its count, twice
 }
 
+// A run that is too long to be kept is read again, and so is nothing after it.
+TEST_F(WholeSearch, OnlyLongRunsAreReadTwice) {
+  std::vector<StrongElement> elements;
+  for (int i = 0; i < 1000; ++i) elements.push_back(element(at(1), i, 1));
+  for (const StrongElement& e : evenPlaces(600, 0x21)) elements.push_back(e);
+  load(elements, 209600);
+  const std::vector<Signature> signatures = {at(1), at(0, 0x21), at(2, 0x21), at(1100, 0x21)};
+  FailPoint point;
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, search(signatures));
+  const int located = point.count();
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, searchAll(signatures));
+  EXPECT_EQ(4u, found_num);
+  EXPECT_EQ(located + 1, point.count());
+}
+
 // The second step opens the table anew, and it may be another one by then.
 TEST_F(WholeSearch, AStrongTableRewrittenBetweenTheStepsIsAFileError) {
   const std::string path = "sig_index_DB/search_table.stbl";
