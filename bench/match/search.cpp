@@ -271,6 +271,7 @@ const Table& table(const std::string& kind, const std::string& size) {
     const std::vector<Posting> postings = makePostings(is_text, count);
     made->ele_num = static_cast<uint32_t>(postings.size());
     writeTables(postings);
+    std::ofstream("index_sys_config.txt");  // all defaults
     documents::Random random(7);
     for (const uint32_t n : kSizes) {
       for (uint32_t i = 0; i < 20000 / n; ++i) {

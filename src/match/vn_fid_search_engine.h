@@ -8,12 +8,12 @@
 //     --build_sig_fid_info_tbl--> one (file, source) pair for every hit
 //     --process_fid_info--> the files with their hit counts, five per source
 //
-// vn_fid_search_engine.cpp has the loading, _range.cpp the first step, _rank.cpp
-// the other two. What is loaded never changes and is counted: a copy of the
-// engine shares it, and searches with it while the original is released or
-// loads other tables. The engine has no lock: loading, releasing and copying
-// must not run beside each other, while searches only read it and may run side
-// by side. The steps are public for the tests.
+// vn_fid_search_engine.cpp has the loading, _range.cpp and signature_locator.cpp
+// the first step, _rank.cpp the other two. What is loaded never changes and is
+// counted: a copy of the engine shares it, and searches with it while the original
+// is released or loads other tables. The engine has no lock: loading, releasing and
+// copying must not run beside each other, while searches only read it and may run
+// side by side. The steps are public for the tests.
 //
 // The strong table on disk may be rewritten at any time, by another process
 // too. Its element count must be the one of the loading, both when a step opens

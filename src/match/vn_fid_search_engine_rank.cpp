@@ -1,9 +1,9 @@
 // The ranking: from the found ranges to the files that matter.
 //
-// Every hit is read back as a (file, source) pair, the ranges of neighbouring
-// signatures together while they lie close. The pairs are sorted and
-// counted by file; a file is taken once, with its smallest source, and of every
-// source the five files with the most hits stay.
+// Every hit is a (file, source) pair. Those that the range search has not kept are
+// read back, the ranges of neighbouring signatures together while they lie close.
+// The pairs are sorted and counted by file; a file is taken once, with its smallest
+// source, and of every source the five files with the most hits stay.
 // Tests: tests/unit/match/vn_fid_search_engine_rank_test.cpp and, against a
 // linear count, tests/property/match_property_test.cpp.
 
