@@ -1,13 +1,19 @@
 #include "signature_locator.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numeric>
 
 namespace {
 
 constexpr uint32_t kReadWhole = 96;   // elements: shorter ranges are not probed
-constexpr uint32_t kLeastProbe = 48;  // elements of a window, more in longer ranges
-constexpr uint32_t kMostProbe = 192;
+constexpr uint32_t kMostProbe = 512;  // elements of a window
+
+// Elements to read around the place where one of `count` is expected: three standard
+// deviations to either side, were they random, and some more for the runs.
+uint32_t probeWidth(uint32_t count) {
+  return std::min(16 + static_cast<uint32_t>(3 * std::sqrt(count)), kMostProbe);
+}
 
 unsigned byteOf(uint64_t key, int number) {
   return static_cast<unsigned>(key >> (56 - 8 * number) & 255);
@@ -160,7 +166,7 @@ ReadResult SignatureLocator::readWindow(uint64_t key, const Bracket& bracket, ui
   if (count <= std::min(kReadWhole, capacity_)) {
     to = joinedEnd(bracket, next);
   } else {
-    const uint32_t width = std::min({kLeastProbe + count / 16, kMostProbe, capacity_});
+    const uint32_t width = std::min(probeWidth(count), capacity_);
     const uint32_t middle = guess ? expectedPlace(key, bracket) : bracket.low + count / 2;
     from = std::min(middle - std::min(middle - bracket.low, width / 2), bracket.high - width);
     to = from + width;
