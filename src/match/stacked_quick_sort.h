@@ -29,8 +29,7 @@ template <typename Compare, typename Swap>
 QuickSortResult stackedQuickSort(uint32_t n, const Compare& compare, const Swap& swap) {
   constexpr size_t kCapacity = 10000;
   constexpr size_t kStep = 1000;
-  constexpr uint32_t kUnevenFrom = 64;   // shorter ranges are quick in any order
-  constexpr uint32_t kInsertBelow = 12;  // and these quickest by insertion
+  constexpr uint32_t kUnevenFrom = 64;  // shorter ranges are quick in any order
 
   if (n < 2) return QuickSortResult::kSorted;
   GrowingStack<uint32_t> l(kCapacity, kStep);
@@ -45,12 +44,6 @@ QuickSortResult stackedQuickSort(uint32_t n, const Compare& compare, const Swap&
     const uint32_t lo = l.pop();
     const uint32_t hi = r.pop();
     const uint32_t distance = hi - lo;
-    if (distance < kInsertBelow) {
-      for (uint32_t k = lo + 1; k <= hi; ++k) {
-        for (uint32_t j = k; j > lo && compare(j - 1, j) > 0; --j) swap(j - 1, j);
-      }
-      continue;
-    }
     uint32_t pivot = lo + distance / 2;
     if (uneven) {
       random = random * 1664525 + 1013904223;

@@ -90,14 +90,7 @@ ReadResult readPairs(platform::File* file, uint32_t i, uint32_t end, const Query
   return ReadResult::kDone;
 }
 
-int compareNumbers(uint64_t left, uint64_t right) {
-  return left < right ? -1 : left > right ? 1 : 0;
-}
-
-// A signed number as an unsigned one of the same order.
-uint32_t ordered(int32_t number) { return static_cast<uint32_t>(number) ^ 0x80000000; }
-
-uint64_t joined(uint32_t high, uint32_t low) { return uint64_t{high} << 32 | low; }
+int compareNumbers(int64_t left, int64_t right) { return left < right ? -1 : left > right ? 1 : 0; }
 
 }  // namespace
 
@@ -228,8 +221,8 @@ int FidIndexSearchEngine::process_fid_info(uint32_t* fid_num, MallocArray<FsidPa
 int FidIndexSearchEngine::quick_sort_fsid_pair(uint32_t n, FsidPair* fsid) const {
   if (n == 0) return kErrState;
   const auto compare = [fsid](uint32_t a, uint32_t b) {
-    return compareNumbers(joined(ordered(fsid[a].fid), ordered(fsid[a].source)),
-                          joined(ordered(fsid[b].fid), ordered(fsid[b].source)));
+    const int order = compareNumbers(fsid[a].fid, fsid[b].fid);
+    return order != 0 ? order : compareNumbers(fsid[a].source, fsid[b].source);
   };
   const auto swap = [fsid](uint32_t a, uint32_t b) { std::swap(fsid[a], fsid[b]); };
   switch (stackedQuickSort(n, compare, swap)) {
@@ -252,9 +245,9 @@ int FidIndexSearchEngine::quick_sort_fsid_freq_pair(uint32_t n, FsidPair* fsid,
                                                     uint32_t* freq) const {
   if (n == 0) return kErrState;
   const auto compare = [fsid, freq](uint32_t a, uint32_t b) {
-    const int order = compareNumbers(joined(ordered(fsid[a].source), ~freq[a]),
-                                     joined(ordered(fsid[b].source), ~freq[b]));
-    return order != 0 ? order : compareNumbers(ordered(fsid[a].fid), ordered(fsid[b].fid));
+    if (fsid[a].source != fsid[b].source) return compareNumbers(fsid[a].source, fsid[b].source);
+    if (freq[a] != freq[b]) return compareNumbers(freq[b], freq[a]);
+    return compareNumbers(fsid[a].fid, fsid[b].fid);
   };
   const auto swap = [fsid, freq](uint32_t a, uint32_t b) {
     std::swap(fsid[a], fsid[b]);
