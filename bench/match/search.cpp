@@ -70,9 +70,13 @@ namespace fs = std::filesystem;
 constexpr uint32_t kSizes[] = {40, 400, 4000};
 constexpr uint32_t kFiles = 1 << 20;
 
+fs::path top;  // of what this program makes
+
 void require(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "%s\n", what);
+  std::error_code ignored;
+  fs::remove_all(top, ignored);
   std::exit(1);
 }
 
@@ -253,8 +257,6 @@ Query makeQuery(bool is_text, uint32_t n, const std::vector<Posting>& postings,
   }
   return query;
 }
-
-fs::path top;  // of what this program makes
 
 const Table& table(const std::string& kind, const std::string& size) {
   static std::map<std::string, std::unique_ptr<Table>> tables;
@@ -620,13 +622,16 @@ class CountingSystem final : public ForwardingSystem {
   };
 };
 
+std::vector<std::unique_ptr<Searcher>> searchers;  // all of them: gone before their files
+
 // Made once for each table, and everything it answers compared at once.
 template <typename Kind>
 Searcher& searcher(const Table& of) {
-  static std::map<const Table*, std::unique_ptr<Kind>> made;
-  auto& one = made[&of];
-  if (!one) {
-    one = std::make_unique<Kind>(of);
+  static std::map<const Table*, Searcher*> made;
+  Searcher*& one = made[&of];
+  if (one == nullptr) {
+    searchers.push_back(std::make_unique<Kind>(of));
+    one = searchers.back().get();
     Pairs pairs;
     for (const auto& [n, queries] : of.queries) {
       for (const Query& query : queries) {
@@ -740,6 +745,7 @@ int main(int argc, char** argv) {
   top = name;
   addRows();
   benchmark::RunSpecifiedBenchmarks();
+  searchers.clear();
   fs::current_path(start);
   fs::remove_all(top);
   return 0;
