@@ -216,6 +216,7 @@ int FidIndexSearchEngine::Init(MetaData* meta) {
   tables->meta = *meta;
   tables->ele_num = ele_num;
   tables->weak_sig_block = std::move(weak_sig_block);
+  tables->spread = Spread(strong_sig_block.get());
   tables->strong_sig_block = std::move(strong_sig_block);
   tables_ = tables;
   return kOk;

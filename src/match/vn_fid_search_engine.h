@@ -8,12 +8,12 @@
 //     --build_sig_fid_info_tbl--> one (file, source) pair for every hit
 //     --process_fid_info--> the files with their hit counts, five per source
 //
-// vn_fid_search_engine.cpp has the loading, _range.cpp the first step, _rank.cpp
-// the other two. What is loaded never changes and is counted: a copy of the
-// engine shares it, and searches with it while the original is released or
-// loads other tables. The engine has no lock: loading, releasing and copying
-// must not run beside each other, while searches only read it and may run side
-// by side. The steps are public for the tests.
+// vn_fid_search_engine.cpp has the loading, _range.cpp and signature_locator.cpp
+// the first step, _rank.cpp the other two. What is loaded never changes and is
+// counted: a copy of the engine shares it, and searches with it while the original
+// is released or loads other tables. The engine has no lock: loading, releasing and
+// copying must not run beside each other, while searches only read it and may run
+// side by side. The steps are public for the tests.
 //
 // The strong table on disk may be rewritten at any time, by another process
 // too. Its element count must be the one of the loading, both when a step opens
@@ -28,27 +28,9 @@
 #include "meta_data.h"
 #include "platform.h"
 #include "scoped.h"
+#include "signature_locator.h"
 #include "table_format.h"
 #include "vn_config.h"
-
-struct FsidPair {
-  int32_t fid;     // distance from fid_base
-  int32_t source;  // source ID
-};
-static_assert(sizeof(FsidPair) == 8, "hits are counted by the million");
-
-// The strong table as a search has opened it.
-struct StrongTable {
-  platform::File* file;
-  uint32_t ele_num;  // elements: nothing beyond is loaded
-};
-
-// Some of the query's signatures, ascending; equal ones may repeat.
-struct QuerySpan {
-  uint32_t n;
-  const Signature* signatures;
-  const uint32_t* bOut;  // n marks: 1 for a signature whose prefix does not occur
-};
 
 // The answers, one entry for each query signature. Elements [st_pos, en_pos)
 // bear the signature where bFind is 1. Where it is 0 the other two tell nothing
@@ -65,6 +47,7 @@ struct LoadedTables {
   uint32_t ele_num = 0;                       // elements of the strong table
   MallocArray<PrefixRange> weak_sig_block;    // kPrefixCount entries
   MallocArray<PrefixRange> strong_sig_block;  // kPrefixCount entries
+  Spread spread;                              // of the strong table
 };
 
 inline constexpr uint32_t kTableNameSize = 40;
@@ -112,31 +95,11 @@ class FidIndexSearchEngine {
   int SearchSignatures(uint32_t sig_num, const Signature* signatures, uint32_t* sig_find_num,
                        const QueryRanges& ranges) const;
 
-  // All signatures of `query` against the elements [low, high) of the table.
-  int dbinary_find_signature_range(const StrongTable& table, const QuerySpan& query, uint32_t low,
+  // All signatures of `query` against the elements [low, high) of the locator's
+  // table, as far as they have the signature's prefix.
+  int dbinary_find_signature_range(SignatureLocator* locator, const QuerySpan& query, uint32_t low,
                                    uint32_t high, uint32_t* found_num,
                                    const QueryRanges& ranges) const;
-
-  // The signatures `query_low` to `query_high` of `query`, both included, against
-  // elements in memory.
-  int dbinary_find_signature_range(uint32_t ele_num, const StrongElement* elements,
-                                   const QuerySpan& query, uint32_t* found_num,
-                                   const QueryRanges& ranges, uint32_t query_low,
-                                   uint32_t query_high) const;
-
-  // One signature against the elements [low, high) of the table, which the second
-  // form reads into memory at once.
-  int binary_find_signature_range(const StrongTable& table, const Signature& signature,
-                                  uint32_t low, uint32_t high, uint32_t* found, uint32_t* first,
-                                  uint32_t* last) const;
-  int binary_find_signature_range_mem(const StrongTable& table, const Signature& signature,
-                                      uint32_t low, uint32_t high, uint32_t* found, uint32_t* first,
-                                      uint32_t* last) const;
-
-  // One signature against elements in memory. Returns 0; -1 when there are none.
-  int binary_find_signature_range_tbl_mem(const Signature& signature, uint32_t ele_num,
-                                          const StrongElement* elements, uint32_t* found,
-                                          uint32_t* first, uint32_t* last) const;
 
   // Reads the pairs of all found ranges, in the order of the query: *fsid_num of
   // them. Returns 0; -1 when there is none, -4 or -5: *fsid is null then.
@@ -159,6 +122,13 @@ class FidIndexSearchEngine {
                           MallocArray<uint32_t>* freq) const;
 
  private:
+  // The two steps as the whole search runs them: what the first reads of the hits
+  // on its way is kept for the second. `kept` may be null.
+  int SearchSignatures(uint32_t sig_num, const Signature* signatures, uint32_t* sig_find_num,
+                       const QueryRanges& ranges, KeptPairs* kept) const;
+  int build_sig_fid_info_tbl(uint32_t sig_num, const QueryRanges& ranges, KeptPairs* kept,
+                             uint32_t* fsid_num, MallocArray<FsidPair>* fsid) const;
+
   uint32_t loadLimit() const;
   int countElements(platform::File* strong_table, uint32_t* ele_num) const;
 
@@ -177,8 +147,8 @@ class FidIndexSearchEngine {
   std::shared_ptr<const LoadedTables> tables_;  // null when nothing is loaded
 };
 
-// The elements that a search loads at once, at most. Two at the least: halving
-// what is above the limit must leave something on both sides.
+// The elements that a batch spans and a read takes, at most. Two at the least:
+// halving what is above the limit must leave something on both sides.
 inline uint32_t FidIndexSearchEngine::loadLimit() const {
   return max_ele_num_load_ < 2 ? 2 : max_ele_num_load_;
 }

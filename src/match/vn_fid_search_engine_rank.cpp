@@ -1,9 +1,9 @@
 // The ranking: from the found ranges to the files that matter.
 //
-// Every hit is read back as a (file, source) pair, the ranges of neighbouring
-// signatures together as far as one buffer holds them. The pairs are sorted and
-// counted by file; a file is taken once, with its smallest source, and of every
-// source the five files with the most hits stay.
+// Every hit is a (file, source) pair. Those that the range search has not kept are
+// read back, the ranges of neighbouring signatures together while they lie close.
+// The pairs are sorted and counted by file; a file is taken once, with its smallest
+// source, and of every source the five files with the most hits stay.
 // Tests: tests/unit/match/vn_fid_search_engine_rank_test.cpp and, against a
 // linear count, tests/property/match_property_test.cpp.
 
@@ -22,16 +22,17 @@ namespace {
 
 constexpr uint32_t kFilesPerSource = 5;
 
-// The position goes to the file as a signed 32-bit offset, so elements from
+// A group's position has to fit into a signed 32-bit offset, so what begins from
 // 2 GiB on cannot be reached.
-bool seekToElement(platform::File* file, uint32_t position) {
-  const uint32_t offset = position * static_cast<uint32_t>(sizeof(StrongElement));
-  return offset <= INT32_MAX && file->seek(offset);
+bool canBeReached(uint32_t position) {
+  return position * static_cast<uint32_t>(sizeof(StrongElement)) <= INT32_MAX;
 }
 
-// One past the last signature whose range is read with that of `i`. Ranges
-// ascend like their signatures; one that does not is read by itself.
-uint32_t groupEnd(uint32_t i, uint32_t sig_num, const QueryRanges& ranges, uint32_t limit) {
+// One past the last signature that goes together with `i`: their ranges span less
+// than `limit` elements and are less than `gap` apart. Ranges ascend like their
+// signatures; one that does not stands by itself.
+uint32_t groupEnd(uint32_t i, uint32_t sig_num, const QueryRanges& ranges, uint32_t limit,
+                  uint32_t gap) {
   const uint32_t start = ranges.st_pos[i];
   uint32_t read_end = ranges.en_pos[i];
   uint32_t end = i + 1;
@@ -39,16 +40,54 @@ uint32_t groupEnd(uint32_t i, uint32_t sig_num, const QueryRanges& ranges, uint3
     if (ranges.bFind[k] == 0) continue;
     if (ranges.en_pos[k] - start >= limit) break;
     if (ranges.st_pos[k] < start || ranges.en_pos[k] < read_end) break;
+    if (ranges.st_pos[k] > read_end && ranges.st_pos[k] - read_end >= gap) break;
     read_end = ranges.en_pos[k];
     end = k + 1;
   }
   return end;
 }
 
-FsidPair* appendPairs(const StrongElement* begin, const StrongElement* end, FsidPair* out) {
-  return std::transform(begin, end, out, [](const StrongElement& element) {
-    return FsidPair{element.fid, element.source};
-  });
+// Appends at *out the pairs of the signatures [i, end), whose ranges ascend: those
+// that were kept, and the others from the file. The buffer has room for
+// `buffer_size` elements.
+ReadResult readPairs(platform::File* file, uint32_t i, uint32_t end, const QueryRanges& ranges,
+                     KeptPairs* kept, StrongElement* buffer, uint32_t buffer_size, FsidPair** out) {
+  const auto appendKept = [&](uint32_t k) {
+    const uint32_t count = ranges.en_pos[k] - ranges.st_pos[k];
+    const FsidPair* const pairs =
+        kept != nullptr ? kept->take(ranges.st_pos[k], ranges.en_pos[k]) : nullptr;
+    if (pairs != nullptr) *out = std::copy_n(pairs, count, *out);
+    return pairs != nullptr;
+  };
+  const auto append = [buffer, out](uint32_t from, uint32_t to) {
+    *out = std::transform(buffer + from, buffer + to, *out, [](const StrongElement& element) {
+      return FsidPair{element.fid, element.source};
+    });
+  };
+  for (uint32_t part_end; i < end; i = part_end) {
+    part_end = i + 1;
+    if (ranges.bFind[i] == 0 || appendKept(i)) continue;
+    part_end = groupEnd(i, end, ranges, buffer_size, kReadGap);
+    const uint32_t start = ranges.st_pos[i];
+    const uint32_t count = ranges.en_pos[part_end - 1] - start;
+    if (count > buffer_size) {  // one range
+      for (uint32_t done = 0; done < count;) {
+        const uint32_t piece = std::min(count - done, buffer_size);
+        const ReadResult result = readElements(file, start + done, piece, buffer);
+        if (result != ReadResult::kDone) return result;
+        append(0, piece);
+        done += piece;
+      }
+      continue;
+    }
+    const ReadResult result = readElements(file, start, count, buffer);
+    if (result != ReadResult::kDone) return result;
+    for (uint32_t k = i; k < part_end; ++k) {
+      if (ranges.bFind[k] == 0 || (k > i && appendKept(k))) continue;
+      append(ranges.st_pos[k] - start, ranges.en_pos[k] - start);
+    }
+  }
+  return ReadResult::kDone;
 }
 
 int compareNumbers(int64_t left, int64_t right) { return left < right ? -1 : left > right ? 1 : 0; }
@@ -57,6 +96,12 @@ int compareNumbers(int64_t left, int64_t right) { return left < right ? -1 : lef
 
 int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRanges& ranges,
                                                  uint32_t* fsid_num,
+                                                 MallocArray<FsidPair>* fsid) const {
+  return build_sig_fid_info_tbl(sig_num, ranges, nullptr, fsid_num, fsid);
+}
+
+int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRanges& ranges,
+                                                 KeptPairs* kept, uint32_t* fsid_num,
                                                  MallocArray<FsidPair>* fsid) const {
   fsid->reset();
   const auto file = platform::current().open(stbl_path_, platform::OpenMode::kRead);
@@ -93,7 +138,8 @@ int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRa
     LOG_ERROR("no mem for fsid");
     return kErrMem;
   }
-  const uint32_t buffer_size = std::min(loadLimit(), ele_num);
+  const uint32_t group_size = std::min(loadLimit(), ele_num);
+  const uint32_t buffer_size = std::min(group_size, kMostReadElements);
   const auto buffer = mallocArray<StrongElement>(buffer_size);
   if (!buffer) {
     LOG_ERROR("no mem for signature_strong");
@@ -104,33 +150,20 @@ int FidIndexSearchEngine::build_sig_fid_info_tbl(uint32_t sig_num, const QueryRa
   for (uint32_t i = 0, end; i < sig_num; i = end) {
     end = i + 1;
     if (ranges.bFind[i] == 0) continue;
-    const uint32_t start = ranges.st_pos[i];
-    if (!seekToElement(file.get(), start)) {
+    if (!canBeReached(ranges.st_pos[i])) {
       LOG_ERROR("fseek strong search table file fail");
       return kErrFile;
     }
-    end = groupEnd(i, sig_num, ranges, buffer_size);
-    uint32_t remaining = ranges.en_pos[end - 1] - start;
-    if (remaining > buffer_size) {
-      while (remaining > 0) {
-        const uint32_t piece = std::min(remaining, buffer_size);
-        if (!readWhole(file.get(), buffer.get(), piece * sizeof(StrongElement))) {
-          LOG_ERROR("read strong search table file fail");
-          return kErrFile;
-        }
-        out = appendPairs(buffer.get(), buffer.get() + piece, out);
-        remaining -= piece;
-      }
-      continue;
-    }
-    if (!readWhole(file.get(), buffer.get(), remaining * sizeof(StrongElement))) {
-      LOG_ERROR("read strong search table file fail");
-      return kErrFile;
-    }
-    for (uint32_t k = i; k < end; ++k) {
-      if (ranges.bFind[k] == 0) continue;
-      out = appendPairs(buffer.get() + (ranges.st_pos[k] - start),
-                        buffer.get() + (ranges.en_pos[k] - start), out);
+    end = groupEnd(i, sig_num, ranges, group_size, UINT32_MAX);
+    switch (readPairs(file.get(), i, end, ranges, kept, buffer.get(), buffer_size, &out)) {
+      case ReadResult::kDone:
+        break;
+      case ReadResult::kSeekFailed:
+        LOG_ERROR("fseek strong search table file fail");
+        return kErrFile;
+      case ReadResult::kReadFailed:
+        LOG_ERROR("read strong search table file fail");
+        return kErrFile;
     }
   }
   // A table rewritten meanwhile may have been read in two states.

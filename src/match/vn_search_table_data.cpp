@@ -61,14 +61,9 @@ int chk_search_table_ele_num(platform::File* file, uint32_t* ele_num) {
   return kOk;
 }
 
-int get_sig_fid_ele(platform::File* file, uint32_t index, StrongElement* element) {
-  if (!file->seek(index * kElementBytes)) {
-    LOG_ERROR("fseek strong search table file error");
-    return kErrFile;
-  }
-  if (!readWhole(file, element, sizeof *element)) {
-    LOG_ERROR("fread strong search table file error");
-    return kErrFile;
-  }
-  return kOk;
+ReadResult readElements(platform::File* file, uint32_t position, uint32_t count,
+                        StrongElement* elements) {
+  if (!file->seek(uint64_t{position} * kElementBytes)) return ReadResult::kSeekFailed;
+  return readWhole(file, elements, size_t{count} * kElementBytes) ? ReadResult::kDone
+                                                                  : ReadResult::kReadFailed;
 }

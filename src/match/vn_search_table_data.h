@@ -1,5 +1,5 @@
 // What the match side asks of an open search table: how many entries it has,
-// and a single one of them.
+// and some of them.
 //
 // The two counts differ on purpose: an empty weak table is a count of 0, an
 // empty strong table an error. Tests: tests/unit/match/vn_search_table_data_test.cpp.
@@ -24,6 +24,15 @@ int chk_sig_num_in_weak_search_table(platform::File* file, uint32_t* sig_num);
 // 4 GiB - 1 or more, 0, or no multiple of 16.
 int chk_search_table_ele_num(platform::File* file, uint32_t* ele_num);
 
-// Reads element `index` of a strong table. Its byte position is a 32-bit
-// number. Returns 0, or -5.
-int get_sig_fid_ele(platform::File* file, uint32_t index, StrongElement* element);
+// What a read of elements costs, in elements that could be copied meanwhile: what
+// lies closer together is read at once.
+inline constexpr uint32_t kReadGap = 320;
+
+// The elements of one read, at most: 64 KiB.
+inline constexpr uint32_t kMostReadElements = 4096;
+
+enum class ReadResult { kDone, kSeekFailed, kReadFailed };
+
+// Reads the `count` elements from element `position` of a strong table on.
+ReadResult readElements(platform::File* file, uint32_t position, uint32_t count,
+                        StrongElement* elements);

@@ -1,4 +1,5 @@
-// Random tables and queries: the search against one that looks at every element.
+// Random tables and queries: the search against one that looks at every element,
+// and on larger tables against one with large loads.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include "documents.h"
 #include "log_capture.h"
 #include "match_twin.h"
+#include "plain_search.h"
 #include "plain_tables.h"
 #include "status.h"
 #include "vn_fid_search_engine.h"
@@ -153,6 +155,113 @@ TEST_F(MatchProperty, RangesMessagesPairsCandidatesAndLevelsAreTheTwins) {
       for (int queries = 0; queries < 4; ++queries) {
         makeQuery();
         ASSERT_NO_FATAL_FAILURE(expectTwinsAnswer(limit));
+      }
+    }
+  }
+}
+
+// Tables of 30,000 elements, whose prefixes and runs outgrow what is read at once.
+class LargeTables : public MatchProperty {
+ protected:
+  Signature anySignature() {
+    Signature signature;
+    for (int i = 0; i < 8; ++i) {
+      uint64_t byte = random.below(256);
+      if (kind == Kind::kText) {  // a sum of letters
+        for (int letter = 0; letter < 7; ++letter) byte = byte % 26 + 'a' + random.below(26);
+      } else if (kind == Kind::kOnePrefix && i < 3) {
+        byte = 0x42;
+      }
+      signature.bytes[i] = static_cast<unsigned char>(byte);
+    }
+    return signature;
+  }
+
+  void makeLargeTable() {
+    elements.clear();
+    while (elements.size() < 30000) {
+      const Signature signature = anySignature();
+      uint64_t run = random.oneIn(6) ? 1 + random.below(9) : 1;
+      if (random.oneIn(3000)) run = random.oneIn(2) ? 300 : 6000;
+      for (; run > 0; --run) {
+        const auto fid = static_cast<int32_t>(random.below(4000)) - 1000;
+        elements.push_back(plain_tables::element(signature, fid, fid & 15));
+      }
+    }
+    plain_tables::sort(&elements);
+    plain_tables::write(dir, plain_tables::make(elements, {0, 3}));
+  }
+
+  void makeLargeQuery(size_t count) {
+    query.clear();
+    while (query.size() < count) {
+      Signature signature = anySignature();
+      if (random.oneIn(2)) signature = elements[random.below(elements.size())].signature;
+      if (random.oneIn(6)) signature.bytes[7] ^= 1;
+      query.push_back(signature);
+      if (random.oneIn(20)) query.push_back(signature);
+    }
+    std::sort(query.begin(), query.end());
+  }
+
+  void expectPlainAnswer(uint32_t limit) {
+    const auto n = static_cast<uint32_t>(query.size());
+    plain_search::Search plain(limit);
+    plain_search::Ranges expected(n);
+    const uint32_t expected_found = plain.ranges(n, query.data(), &expected);
+
+    log.clear();
+    std::vector<uint32_t> bFind(n), st_pos(n), en_pos(n);
+    const QueryRanges ranges = {bFind.data(), st_pos.data(), en_pos.data()};
+    uint32_t found = 0;
+    uint32_t files_num = 0;
+    MallocArray<FsidPair> files;
+    MallocArray<uint32_t> counts;
+    ASSERT_EQ(
+        kOk, engine.SearchSignatures(n, query.data(), &found, ranges, &files_num, &files, &counts));
+    ASSERT_EQ(plain.messages, log.messages());
+    ASSERT_EQ(expected_found, found);
+    ASSERT_EQ(expected.found, bFind);
+    for (uint32_t i = 0; i < n; ++i) {
+      if (bFind[i] == 0) continue;
+      ASSERT_EQ(expected.first[i], st_pos[i]) << "signature " << i;
+      ASSERT_EQ(expected.last[i], en_pos[i]) << "signature " << i;
+    }
+
+    uint32_t expected_pair_num = 0;
+    auto expected_pairs = plain.pairs(n, expected, &expected_pair_num);
+    uint32_t pair_num = 0;
+    MallocArray<FsidPair> pairs;
+    ASSERT_EQ(kOk, engine.build_sig_fid_info_tbl(n, ranges, &pair_num, &pairs));
+    ASSERT_EQ(expected_pair_num, pair_num);
+    ASSERT_EQ(0, std::memcmp(expected_pairs.get(), pairs.get(), pair_num * sizeof(FsidPair)));
+
+    // The whole search has not read all of its hits in this way.
+    MallocArray<uint32_t> expected_counts;
+    ASSERT_EQ(kOk, engine.process_fid_info(&pair_num, &expected_pairs, &expected_counts));
+    ASSERT_EQ(pair_num, files_num);
+    ASSERT_EQ(0, std::memcmp(expected_pairs.get(), files.get(), pair_num * sizeof(FsidPair)));
+    ASSERT_EQ(0, std::memcmp(expected_counts.get(), counts.get(), pair_num * sizeof(uint32_t)));
+  }
+
+  enum class Kind { kUniform, kText, kOnePrefix };
+  Kind kind = Kind::kUniform;
+};
+
+TEST_F(LargeTables, AnswersAndMessagesAreThoseOfTheSearchWithLargeLoads) {
+  SCOPED_TRACE("TESSERA_SEED=" + std::to_string(seed));
+  static constexpr uint32_t kLimits[] = {0, 3, 1000, 209600};
+  for (const Kind one : {Kind::kUniform, Kind::kText, Kind::kOnePrefix}) {
+    kind = one;
+    ASSERT_NO_FATAL_FAILURE(makeLargeTable());
+    for (const uint32_t limit : kLimits) {
+      ASSERT_NO_FATAL_FAILURE(loadWithLimit(limit));
+      for (const size_t count : {40u, 400u, 4000u}) {
+        SCOPED_TRACE(testing::Message()
+                     << "kind " << static_cast<int>(kind) << ", limit " << limit << ", " << count);
+        if (count == 4000 && limit < 1000) continue;  // slow in the plain search
+        makeLargeQuery(count);
+        ASSERT_NO_FATAL_FAILURE(expectPlainAnswer(limit));
       }
     }
   }

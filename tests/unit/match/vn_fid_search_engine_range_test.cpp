@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -9,6 +11,7 @@
 #include "hooked_system.h"
 #include "log_capture.h"
 #include "plain_tables.h"
+#include "signature_locator.h"
 #include "status.h"
 #include "vn_fid_search_engine.h"
 
@@ -45,6 +48,7 @@ class RangeSearch : public testing::Test {
     file = platform::current().open("sig_index_DB/search_table.stbl", platform::OpenMode::kRead);
     ASSERT_TRUE(file);
     table = {file.get(), static_cast<uint32_t>(tables.stbl.size() / 16)};
+    std::memcpy(directory.data(), tables.smeta.data() + kMetaDataBytes, kPrefixDirectoryBytes);
     log.clear();
   }
 
@@ -63,10 +67,17 @@ class RangeSearch : public testing::Test {
                                    ranges());
   }
 
-  // The file form over [low, high) of the table.
+  // One batch over [low, high) of the table.
   int searchBatch(const std::vector<Signature>& signatures, uint32_t low, uint32_t high) {
     prepare(signatures);
-    return engine.dbinary_find_signature_range(table, span(), low, high, &found_num, ranges());
+    return searchPrepared(low, high);
+  }
+  int searchPrepared(uint32_t low, uint32_t high) {
+    const uint32_t load_limit = std::max(configuration.max_ele_num_load, 2u);
+    const Spread spread(directory.data());
+    SignatureLocator locator(table, directory.data(), spread, std::min(load_limit, table.ele_num),
+                             nullptr);
+    return engine.dbinary_find_signature_range(&locator, span(), low, high, &found_num, ranges());
   }
 
   void expectRange(size_t i, uint32_t found, uint32_t first, uint32_t last) {
@@ -79,9 +90,7 @@ class RangeSearch : public testing::Test {
   std::vector<std::string> messages() {
     for (const LogLine& line : log.lines()) {
       EXPECT_EQ(3, line.level);
-      EXPECT_EQ(line.function == "get_sig_fid_ele" || line.function == "chk_search_table_ele_num"
-                    ? "fpe_utility"
-                    : "fpe_sig_search",
+      EXPECT_EQ(line.function == "chk_search_table_ele_num" ? "fpe_utility" : "fpe_sig_search",
                 line.tag);
     }
     return log.messages();
@@ -94,144 +103,13 @@ class RangeSearch : public testing::Test {
   MetaData meta;
   std::unique_ptr<platform::File> file;
   StrongTable table = {};
+  std::vector<PrefixRange> directory = std::vector<PrefixRange>(kPrefixCount);
   std::vector<Signature> query;
   std::vector<uint32_t> bFind, st_pos, en_pos, bOut;
   uint32_t found_num = kUntouched;
 };
 
 using Messages = std::vector<std::string>;
-
-// ---- The table search -------------------------------------------------------
-
-TEST_F(RangeSearch, NoElementsInMemoryAreAStateError) {
-  uint32_t found, first, last;
-  EXPECT_EQ(kErrState,
-            engine.binary_find_signature_range_tbl_mem(at(1), 0, nullptr, &found, &first, &last));
-  EXPECT_TRUE(log.lines().empty());
-}
-
-TEST_F(RangeSearch, EveryRunOfEveryLengthIsBoundedInMemory) {
-  for (int before = 0; before < 6; ++before) {
-    for (int run = 0; run < 9; ++run) {
-      for (int after = 0; after < 6; ++after) {
-        if (before + run + after == 0) continue;
-        std::vector<StrongElement> elements;
-        for (int i = 0; i < before; ++i) elements.push_back(element(at(10), i, 1));
-        for (int i = 0; i < run; ++i) elements.push_back(element(at(20), i, 1));
-        for (int i = 0; i < after; ++i) elements.push_back(element(at(30), i, 1));
-        uint32_t found = kUntouched, first = kUntouched, last = kUntouched;
-        ASSERT_EQ(kOk, engine.binary_find_signature_range_tbl_mem(
-                           at(20), static_cast<uint32_t>(elements.size()), elements.data(), &found,
-                           &first, &last));
-        EXPECT_EQ(run > 0 ? 1u : 0u, found);
-        EXPECT_EQ(static_cast<uint32_t>(before), first);
-        EXPECT_EQ(static_cast<uint32_t>(before + run), last);
-      }
-    }
-  }
-}
-
-// ---- One signature against the file ------------------------------------------
-
-TEST_F(RangeSearch, ARunAcrossAProbeMidpointIsBoundedWholly) {
-  for (const int run : {1, 2, 3, 4, 5, 8, 17, 40}) {
-    for (const int before : {0, 1, 7, 20, 33}) {
-      std::vector<StrongElement> elements;
-      for (int i = 0; i < before; ++i) elements.push_back(element(at(i), 1, 1));
-      for (int i = 0; i < run; ++i) elements.push_back(element(at(50), i, 1));
-      for (int i = 0; i < 11; ++i) elements.push_back(element(at(60 + i), 1, 1));
-      load(elements, 3);
-      uint32_t found = kUntouched, first = kUntouched, last = kUntouched;
-      ASSERT_EQ(kOk, engine.binary_find_signature_range(table, at(50), 0, table.ele_num, &found,
-                                                        &first, &last));
-      EXPECT_EQ(1u, found);
-      EXPECT_EQ(static_cast<uint32_t>(before), first);
-      EXPECT_EQ(static_cast<uint32_t>(before + run), last);
-    }
-  }
-}
-
-TEST_F(RangeSearch, AnAbsentSignatureIsPlacedByProbing) {
-  load(evenPlaces(100), 2);
-  for (int place = 1; place < 200; place += 2) {
-    uint32_t found = kUntouched, first = kUntouched, last = kUntouched;
-    ASSERT_EQ(kOk,
-              engine.binary_find_signature_range(table, at(place), 0, 100, &found, &first, &last));
-    EXPECT_EQ(0u, found);
-    EXPECT_EQ(static_cast<uint32_t>(place / 2 + 1), first);
-    EXPECT_EQ(first, last);
-  }
-}
-
-TEST_F(RangeSearch, FailuresInALoadForOneSignatureHaveTheirMessages) {
-  load(evenPlaces(4), 100);
-  uint32_t found, first, last;
-  const auto find = [&](uint32_t low, uint32_t high) {
-    log.clear();
-    return engine.binary_find_signature_range_mem(table, at(2), low, high, &found, &first, &last);
-  };
-  FailPoint point;
-  file = platform::current().open("sig_index_DB/search_table.stbl", platform::OpenMode::kRead);
-  table.file = file.get();
-
-  point.fail(Call::kSeek, 1);
-  EXPECT_EQ(kErrFile, find(3, 4));
-  EXPECT_EQ(Messages{"fseek to 3th element fail"}, messages());
-  EXPECT_EQ("FidIndexSearchEngine::binary_find_signature_range_mem", log.lines()[0].function);
-  point.fail(Call::kAllocate, 1);
-  EXPECT_EQ(kErrMem, find(0, 4));
-  EXPECT_EQ(Messages{"no mem for signature_strong"}, messages());
-  point.fail(Call::kRead, 1);
-  EXPECT_EQ(kErrFile, find(0, 4));
-  EXPECT_EQ(Messages{"fread signature fail"}, messages());
-  EXPECT_EQ(kErrState, find(2, 2));
-  EXPECT_EQ(Messages{"binary_find_signature_range fail"}, messages());
-  point.fail(Call::kAllocate, 0);
-  EXPECT_EQ(kErrFile, find(0, 5));  // one more than there is
-  EXPECT_EQ(Messages{"fread signature fail"}, messages());
-  EXPECT_EQ(kErrFile, find(3, 2));
-  EXPECT_EQ(Messages{"fread signature fail"}, messages());
-  EXPECT_EQ(0, point.count());  // no memory for what cannot be there
-}
-
-TEST_F(RangeSearch, FailuresWhileProbingHaveTheirMessages) {
-  std::vector<StrongElement> elements = evenPlaces(10);
-  for (int i = 0; i < 20; ++i) elements.push_back(element(at(100), i, 1));
-  for (int i = 0; i < 10; ++i) elements.push_back(element(at(200 + i), i, 1));
-  load(elements, 4);
-  FailPoint point;
-  file = platform::current().open("sig_index_DB/search_table.stbl", platform::OpenMode::kRead);
-  table.file = file.get();
-  uint32_t found, first, last;
-  const auto find = [&](int place) {
-    log.clear();
-    return engine.binary_find_signature_range(table, at(place), 0, 40, &found, &first, &last);
-  };
-
-  point.fail(Call::kRead, 1);  // the first probe
-  EXPECT_EQ(kErrFile, find(100));
-  EXPECT_EQ((Messages{"fread strong search table file error", "get 20th element fail"}),
-            messages());
-  EXPECT_EQ("FidIndexSearchEngine::binary_find_signature_range", log.lines()[1].function);
-  point.fail(Call::kRead, 2);  // 20 is equal; on to the lower side of [0, 20)
-  EXPECT_EQ(kErrFile, find(100));
-  EXPECT_EQ((Messages{"fread strong search table file error", "get 10th element fail"}),
-            messages());
-  point.fail(Call::kSeek, 5);  // 20, 10, 5, 7, then the load of [7, 10)
-  EXPECT_EQ(kErrFile, find(100));
-  EXPECT_EQ(Messages{"fseek to 7th element fail"}, messages());
-  point.fail(Call::kSeek, 6);  // and on to the upper side of [20, 40)
-  EXPECT_EQ(kErrFile, find(100));
-  EXPECT_EQ((Messages{"fseek strong search table file error", "get 30th element fail"}),
-            messages());
-  point.fail(Call::kSeek, 9);  // 30, 25, 27, then the load of [27, 30)
-  EXPECT_EQ(kErrFile, find(100));
-  EXPECT_EQ(Messages{"fseek to 27th element fail"}, messages());
-  point.fail(Call::kSeek, 5);  // an absent one: 20, 10, 5, 2, then the load of [0, 2)
-  EXPECT_EQ(kErrFile, find(1));
-  EXPECT_EQ((Messages{"fseek to 0th element fail", "binary_find_signature_range_tbl_mem fail"}),
-            messages());
-}
 
 // ---- A batch against the file -------------------------------------------------
 
@@ -272,12 +150,12 @@ TEST_F(RangeSearch, TheEndOfASideIsReportedWithTheRangeSearched) {
   }
 }
 
-// What lies beyond the end of a side is not looked at any more.
-TEST_F(RangeSearch, SignaturesBeyondTheEndOfASideAreLeftAlone) {
+// What lies beyond the end of a side is not answered any more.
+TEST_F(RangeSearch, SignaturesBeyondTheEndOfASideAreNotFound) {
   load(evenPlaces(10), 2);
   ASSERT_EQ(kOk, searchBatch({at(91), at(92), at(93)}, 0, 10));
   expectRange(1, 0, 10, 10);
-  EXPECT_EQ(kUntouched, st_pos[2]);
+  EXPECT_EQ(0u, bFind[2]);
   EXPECT_EQ(
       (Messages{"dbinary_find_signature_range end right half after sig (idx = 1)", "l = 0  r = 10",
                 "dbinary_find_signature_range end right half after sig (idx = 0)",
@@ -285,7 +163,7 @@ TEST_F(RangeSearch, SignaturesBeyondTheEndOfASideAreLeftAlone) {
       messages());
 }
 
-TEST_F(RangeSearch, InMemoryTheEndOfASideIsNotReported) {
+TEST_F(RangeSearch, WithinTheLoadLimitTheEndOfASideIsNotReported) {
   load(evenPlaces(10), 100);
   ASSERT_EQ(kOk, searchBatch({at(1), at(10), at(99)}, 2, 10));
   EXPECT_TRUE(messages().empty());
@@ -299,7 +177,7 @@ TEST_F(RangeSearch, MarkedSignaturesInTheMiddleSplitNothing) {
     load(evenPlaces(10), limit);
     prepare({at(0), at(1), at(3), at(5), at(6), at(7), at(18)});
     for (const size_t marked : {1u, 2u, 3u, 5u}) bOut[marked] = 1;
-    ASSERT_EQ(kOk, engine.dbinary_find_signature_range(table, span(), 0, 10, &found_num, ranges()));
+    ASSERT_EQ(kOk, searchPrepared(0, 10));
     EXPECT_EQ(3u, found_num);
     expectRange(0, 1, 0, 1);
     expectRange(4, 1, 3, 4);
@@ -313,32 +191,22 @@ TEST_F(RangeSearch, AMarkedSignatureAloneIsSkipped) {
   load(evenPlaces(10), 2);
   prepare({at(4)});
   bOut[0] = 1;
-  ASSERT_EQ(kOk, engine.dbinary_find_signature_range(table, span(), 0, 10, &found_num, ranges()));
+  ASSERT_EQ(kOk, searchPrepared(0, 10));
   EXPECT_EQ(0u, found_num);
   EXPECT_EQ(0u, bFind[0]);
 }
 
-TEST_F(RangeSearch, InMemoryNoElementsOrNoSignaturesAreAStateError) {
-  const std::vector<StrongElement> elements = evenPlaces(3);
-  prepare({at(0)});
-  EXPECT_EQ(kErrState, engine.dbinary_find_signature_range(0, elements.data(), span(), &found_num,
-                                                           ranges(), 0, 0));
-  query.clear();
-  EXPECT_EQ(kErrState, engine.dbinary_find_signature_range(3, elements.data(), span(), &found_num,
-                                                           ranges(), 0, 0));
-  EXPECT_EQ((Messages{"ele_num == 0 || sig_n == 0", "ele_num == 0 || sig_n == 0"}), messages());
-}
-
-TEST_F(RangeSearch, InMemoryOnlyTheStretchAskedForIsResolved) {
-  const std::vector<StrongElement> elements = evenPlaces(5);
-  prepare({at(0), at(2), at(4), at(6)});
-  ASSERT_EQ(kOk, engine.dbinary_find_signature_range(5, elements.data(), span(), &found_num,
-                                                     ranges(), 1, 2));
-  EXPECT_EQ(2u, found_num);
-  EXPECT_EQ(kUntouched, bFind[0]);
-  expectRange(1, 1, 1, 2);
-  expectRange(2, 1, 2, 3);
-  EXPECT_EQ(kUntouched, bFind[3]);
+// A query that does not ascend is answered as if the elements that its neighbours
+// have ruled out were not there.
+TEST_F(RangeSearch, AnUnsortedQueryIsAnsweredWithinWhatItsMiddleLeaves) {
+  for (const uint32_t limit : {2u, 100u}) {
+    load(evenPlaces(10), limit);
+    ASSERT_EQ(kOk, searchBatch({at(18), at(8), at(0)}, 0, 10));
+    EXPECT_EQ(1u, found_num);
+    expectRange(0, 0, 5, 5);
+    expectRange(1, 1, 4, 5);
+    expectRange(2, 0, 4, 4);
+  }
 }
 
 TEST_F(RangeSearch, FailuresOfABatchHaveTheirMessages) {
@@ -363,21 +231,19 @@ TEST_F(RangeSearch, FailuresOfABatchHaveTheirMessages) {
   point.fail(Call::kRead, 1);
   EXPECT_EQ(kErrFile, run(0, 4));
   EXPECT_EQ(Messages{"load element from strong search table file fail"}, messages());
-  point.fail(Call::kAllocate, 3);  // the in-memory search's own stack
-  EXPECT_EQ(kErrMem, run(0, 4));
-  EXPECT_EQ((Messages{"no mem for ele_stack", "dbinary_find_signature_range fail"}), messages());
-  EXPECT_EQ("Error", log.lines()[0].word);
-  EXPECT_EQ("Info", log.lines()[1].word);
-  point.fail(Call::kRead, 1);
-  EXPECT_EQ(kErrFile, run(0, 40));
-  EXPECT_EQ((Messages{"fread strong search table file error", "get 20th element fail",
-                      "binary_find_signature_range fail for sig (idx = 0)", "l = 0  r = 40"}),
-            messages());
-  EXPECT_EQ("Error", log.lines()[2].word);
-  EXPECT_EQ("Error", log.lines()[3].word);
+  for (int n = 1; n <= 3; ++n) {  // the whole prefix is more than a read takes
+    point.fail(Call::kRead, n);
+    log.clear();
+    EXPECT_EQ(kErrFile, searchBatch({at(20), at(40)}, 0, 40));
+    EXPECT_TRUE(point.failed());
+    EXPECT_EQ(Messages{"load element from strong search table file fail"}, messages());
+    EXPECT_EQ("FidIndexSearchEngine::dbinary_find_signature_range", log.lines()[0].function);
+  }
   EXPECT_EQ(kErrState, run(3, 3));
   EXPECT_EQ((Messages{"ele_num == 0 || sig_n == 0", "dbinary_find_signature_range fail"}),
             messages());
+  EXPECT_EQ("Error", log.lines()[0].word);
+  EXPECT_EQ("Info", log.lines()[1].word);
 }
 
 // ---- The strong search --------------------------------------------------------
@@ -484,15 +350,13 @@ TEST_F(RangeSearch, ABatchSpansThePrefixesWithinTheLoadLimit) {
   }
 }
 
-TEST_F(RangeSearch, ALimitAboveTheTableLoadsABatchWholeAndProbesNothing) {
+TEST_F(RangeSearch, ALimitAboveTheTableTellsOfNoEnds) {
   load(evenPlaces(300), 1000);
   std::vector<Signature> all;
-  for (int place = 0; place < 600; ++place) all.push_back(at(place));
-  FailPoint point;
-  point.fail(Call::kRead, 0);
+  for (int place = 0; place < 650; ++place) all.push_back(at(place));
   ASSERT_EQ(kOk, search(all));
   EXPECT_EQ(300u, found_num);
-  EXPECT_EQ(1, point.count());
+  EXPECT_TRUE(messages().empty());
 }
 
 TEST_F(RangeSearch, AbsentPrefixesBetweenPresentOnesArePassedOver) {
@@ -687,6 +551,37 @@ TEST_F(WholeSearch, AHugeLoadLimitReservesNoMoreThanTheTable) {
     EXPECT_EQ(3100 * sizeof(StrongElement), hooked.largestAllocation());
     EXPECT_TRUE(messages().empty());  // loaded whole: nothing was probed
   }
+}
+
+// What the range search met on its way is not read again for its pairs.
+TEST_F(WholeSearch, HitsAreReadOnce) {
+  load(evenPlaces(60), 100);
+  FailPoint point;
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, searchAll({at(2), at(4), at(5)}));
+  EXPECT_EQ(2u, fid_num);
+  EXPECT_EQ(1, point.count());
+  load(evenPlaces(60), 100);
+  point.fail(Call::kOpen, 0);
+  ASSERT_EQ(kOk, searchAll({at(2), at(4), at(5)}));
+  EXPECT_EQ(2, point.count());  // the table is still held against its count, twice
+}
+
+// A run that is too long to be kept is read again, and so is nothing after it.
+TEST_F(WholeSearch, OnlyLongRunsAreReadTwice) {
+  std::vector<StrongElement> elements;
+  for (int i = 0; i < 1000; ++i) elements.push_back(element(at(1), i, 1));
+  for (const StrongElement& e : evenPlaces(600, 0x21)) elements.push_back(e);
+  load(elements, 209600);
+  const std::vector<Signature> signatures = {at(1), at(0, 0x21), at(2, 0x21), at(1100, 0x21)};
+  FailPoint point;
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, search(signatures));
+  const int located = point.count();
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, searchAll(signatures));
+  EXPECT_EQ(4u, found_num);
+  EXPECT_EQ(located + 1, point.count());
 }
 
 // The second step opens the table anew, and it may be another one by then.

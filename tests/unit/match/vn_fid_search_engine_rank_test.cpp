@@ -174,6 +174,18 @@ TEST_F(Ranking, RangesWithinOneBufferAreReadAtOnce) {
   EXPECT_EQ(4, point.count());
 }
 
+TEST_F(Ranking, DistantRangesAreReadOneByOne) {
+  load(1200, 209600);
+  FailPoint point;
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, build({{1, 0, 1}, {1, 320, 321}}));
+  EXPECT_EQ(1, point.count());
+  point.fail(Call::kRead, 0);
+  ASSERT_EQ(kOk, build({{1, 0, 1}, {1, 321, 322}, {1, 900, 902}}));
+  EXPECT_EQ((std::vector<int>{0, 321, 900, 901}), files());
+  EXPECT_EQ(3, point.count());
+}
+
 // Only an unsorted query gets such ranges.
 TEST_F(Ranking, RangesThatDoNotAscendAreReadCompletely) {
   for (const uint32_t limit : {2u, 5u, 100u}) {

@@ -138,41 +138,36 @@ TEST_F(SearchTableData, AStrongTableWithAPieceOfAnElementIsRefusedButItsCountIsS
   expectOnly("Error", "chk_search_table_ele_num", "strong search table size error");
 }
 
-TEST_F(SearchTableData, AnElementIsSixteenBytesAtSixteenTimesItsIndex) {
+TEST_F(SearchTableData, ElementsAreSixteenBytesAtSixteenTimesTheirPosition) {
   std::string content;
-  for (int i = 0; i < 48; ++i) content.push_back(static_cast<char>(i));
-  FakeFile file(48, content);
-  StrongElement element;
-  ASSERT_EQ(kOk, get_sig_fid_ele(&file, 2, &element));
-  EXPECT_EQ(0, std::memcmp(&element, content.data() + 32, 16));
-  EXPECT_EQ(39, element.signature.bytes[7]);
-  EXPECT_EQ(0x2b2a2928, element.fid);
-  EXPECT_EQ(0x2f2e2d2c, element.source);
-}
-
-// Elements from 4 GiB on do not exist; their indexes wrap.
-TEST_F(SearchTableData, TheOffsetOfAnElementIsA32BitProduct) {
-  FakeFile file(48, std::string(48, 'x'));
-  StrongElement element;
-  EXPECT_EQ(kOk, get_sig_fid_ele(&file, 0x10000001, &element));
+  for (char c = 'a'; c <= 'd'; ++c) content += std::string(8, c) + c + std::string(7, '\0');
+  FakeFile file(64, content);
+  StrongElement elements[2];
+  ASSERT_EQ(ReadResult::kDone, readElements(&file, 1, 2, elements));
   EXPECT_EQ(16u, file.position);
-  EXPECT_EQ(kErrFile, get_sig_fid_ele(&file, 0x0fffffff, &element));
-  EXPECT_EQ(0xfffffff0u, file.position);
+  EXPECT_EQ(0, std::memcmp("bbbbbbbb", elements[0].signature.bytes, 8));
+  EXPECT_EQ('b', elements[0].fid);
+  EXPECT_EQ(0, elements[0].source);
+  EXPECT_EQ('c', elements[1].fid);
 }
 
-TEST_F(SearchTableData, AnElementThatCannotBeSoughtOrReadIsAFileError) {
+TEST_F(SearchTableData, ElementsAreSoughtBeyond4GiB) {
+  FakeFile file(0);
   StrongElement element;
-  FakeFile file(16, std::string(16, 'x'));
-  file.seek_fails = true;
-  EXPECT_EQ(kErrFile, get_sig_fid_ele(&file, 0, &element));
-  expectOnly("Error", "get_sig_fid_ele", "fseek strong search table file error");
-  file.seek_fails = false;
+  EXPECT_EQ(ReadResult::kReadFailed, readElements(&file, 0x10000001, 1, &element));
+  EXPECT_EQ(0x100000010u, file.position);
+}
+
+TEST_F(SearchTableData, ElementsThatCannotBeSoughtOrReadWholeAreTold) {
+  FakeFile file(32, std::string(31, 'x'));
+  StrongElement elements[2];
+  EXPECT_EQ(ReadResult::kDone, readElements(&file, 0, 1, elements));
+  EXPECT_EQ(ReadResult::kReadFailed, readElements(&file, 0, 2, elements));
   file.read_fails = true;
-  EXPECT_EQ(kErrFile, get_sig_fid_ele(&file, 0, &element));
-  expectOnly("Error", "get_sig_fid_ele", "fread strong search table file error");
-  FakeFile shorter(15, std::string(15, 'x'));
-  EXPECT_EQ(kErrFile, get_sig_fid_ele(&shorter, 0, &element));
-  expectOnly("Error", "get_sig_fid_ele", "fread strong search table file error");
+  EXPECT_EQ(ReadResult::kReadFailed, readElements(&file, 0, 1, elements));
+  file.seek_fails = true;
+  EXPECT_EQ(ReadResult::kSeekFailed, readElements(&file, 0, 1, elements));
+  EXPECT_TRUE(log.lines().empty());
 }
 
 }  // namespace
