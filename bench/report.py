@@ -130,7 +130,7 @@ def store_tables(measured):
 def match_tables(measured):
     peers = [("plain", "plain"), ("lmdb", "LMDB"), ("rocksdb", "RocksDB"), ("sqlite", "SQLite")]
     rows = []
-    for keys in ("uniform", "textlike"):
+    for keys in ("uniform", "text"):
         for elements in ("1M", "10M", "100M"):
             for signatures in ("40", "400", "4000"):
                 row = f"match/{keys}/{elements}/{signatures}"
@@ -140,10 +140,16 @@ def match_tables(measured):
                              *(times(rounds.median(measured, f"{row}/{peer}"), ours)
                                for peer, _ in peers)])
     head = ["table, elements, signatures", "query", "bytes read", *(name for _, name in peers)]
-    threads = [[count, number(rounds.median(measured, f"match/threads/{count}",
-                                            "queries_per_second"))]
-               for count in ("1", "2")]
-    return {"match": table(head, rows), "threads": table(["threads", "queries a second"], threads)}
+    threads = []
+    for signatures in ("40", "400"):
+        row = f"match/threads/1M/{signatures}/threads:"
+        one, two = (rounds.median(measured, f"{row}{n}", "items_per_second") for n in (1, 2))
+        threads.append([signatures, number(one), number(two), times(two, one)])
+    return {
+        "match": table(head, rows),
+        "threads": table(["signatures a query", "1 thread, queries a second", "2 threads", "times"],
+                         threads),
+    }
 
 
 METHODS = [("tessera_full", "Tessera, full"), ("tessera_sparse", "Tessera, sparse"),
