@@ -21,10 +21,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -90,18 +90,23 @@ void add(PostingStore* store, uint32_t first, uint32_t end) {
   if (end % kDocumentsOfABatch != 0) store->commit();
 }
 
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 // Do two directories hold the same four tables?
 bool sameTables(const std::string& left, const std::string& right) {
   for (const char* const suffix :
        {kWeakTableSuffix, kStrongTableSuffix, kWeakMetaSuffix, kStrongMetaSuffix}) {
     const std::string name = std::string("/search_table") + suffix;
-    const std::string content = contentOf(left + name);
-    if (content.empty() || content != contentOf(right + name)) return false;
+    std::ifstream one(left + name, std::ios::binary);
+    std::ifstream other(right + name, std::ios::binary);
+    std::vector<char> of_one(size_t{1} << 20);
+    std::vector<char> of_other(of_one.size());
+    do {
+      one.read(of_one.data(), static_cast<std::streamsize>(of_one.size()));
+      other.read(of_other.data(), static_cast<std::streamsize>(of_other.size()));
+      if (one.bad() || other.bad() || one.gcount() == 0 || one.gcount() != other.gcount() ||
+          !std::equal(of_one.begin(), of_one.begin() + one.gcount(), of_other.begin())) {
+        return false;
+      }
+    } while (one);
   }
   return true;
 }
@@ -167,8 +172,8 @@ void run(benchmark::State& state, OpenStore open, bool durable, uint32_t stored,
   state.counters["peak_MiB"] = peakMebibytes();
   const double disk = diskBytes(directory.store());
   if (disk > 0) {
-    const double bare = static_cast<double>(end) *
-                        (kSignaturesOfADocument * kPostingBytes + kDocumentBytes);
+    const double bare =
+        static_cast<double>(end) * (kSignaturesOfADocument * kPostingBytes + kDocumentBytes);
     state.counters["disk_MiB"] = disk / (1 << 20);
     state.counters["disk_ratio"] = disk / bare;
   }
@@ -204,13 +209,11 @@ void addRows() {
   };
   for (const Size& size : {Size{"1M", 10000, false}, Size{"5M", 50000, true}}) {
     const std::string of_size = std::string(size.name) + "/";
-    for (const Peer& peer : {Peer{"tessera", openTessera, false},
-                             Peer{"lmdb_sorted", openLmdbSorted, false},
-                             Peer{"lmdb_arrival", openLmdbArrival, true},
-                             Peer{"rocksdb", openRocksDb, false},
-                             Peer{"leveldb", openLevelDb, false},
-                             Peer{"sqlite", openSqlite, true},
-                             Peer{"limit", openLimit, false}}) {
+    for (const Peer& peer :
+         {Peer{"tessera", openTessera, false}, Peer{"lmdb_sorted", openLmdbSorted, false},
+          Peer{"lmdb_arrival", openLmdbArrival, true}, Peer{"rocksdb", openRocksDb, false},
+          Peer{"leveldb", openLevelDb, false}, Peer{"sqlite", openSqlite, true},
+          Peer{"limit", openLimit, false}}) {
       if (size.large && peer.slow_when_large && !slow) continue;
       addRow("load/" + of_size + peer.name, peer.open, true, 0, size.documents);
       addRow("load/" + of_size + peer.name + "_nosync", peer.open, false, 0, size.documents);

@@ -16,7 +16,9 @@ class RocksDb final : public SortedBatchStore {
     options_.create_missing_column_families = true;
     options_.compression = rocksdb::kNoCompression;  // signatures have no pattern
     const std::vector<rocksdb::ColumnFamilyDescriptor> orders = {
-        {rocksdb::kDefaultColumnFamilyName, options_}, {"sig_fid", options_}, {"src_fid", options_}};
+        {rocksdb::kDefaultColumnFamilyName, options_},
+        {"sig_fid", options_},
+        {"src_fid", options_}};
     rocksdb::DB* database = nullptr;
     require(rocksdb::DB::Open(options_, directory, orders, &orders_, &database).ok(), "DB::Open");
     database_.reset(database);
