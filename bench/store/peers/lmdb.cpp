@@ -1,14 +1,17 @@
-// LMDB with packed duplicates: a database has a single key, and the records are
-// its duplicates of fixed size, which lie in their pages without heads. Batches
-// come sorted, so that neighbours meet in one page, or in the order of arrival.
+// LMDB with packed duplicates: the first two bytes of a record are the key and the
+// rest its duplicates of fixed size, which lie in their pages without heads. Of
+// keys of 0, 1, 2, 4 and 8 bytes these made the fastest loads of five million
+// postings and the smallest file. Batches come sorted, so that neighbours meet in
+// one page, or in the order of arrival.
 #include <lmdb.h>
 
-#include <algorithm>
+#include <cstring>
 
 #include "posting_store.h"
 
 namespace {
 
+constexpr size_t kKeyBytes = 2;
 constexpr size_t kMapBytes = size_t{8} << 30;
 
 class Lmdb {
@@ -48,8 +51,9 @@ class Lmdb {
 
   template <typename Record>
   static void put(MDB_cursor* cursor, const Record& record, unsigned flags) {
-    MDB_val key = theKey();
-    MDB_val data = {sizeof record.bytes, const_cast<unsigned char*>(record.bytes)};
+    auto* const bytes = const_cast<unsigned char*>(record.bytes);
+    MDB_val key = {kKeyBytes, bytes};
+    MDB_val data = {sizeof record.bytes - kKeyBytes, bytes + kKeyBytes};
     require(mdb_cursor_put(cursor, &key, &data, flags) == 0, "mdb_cursor_put");
   }
 
@@ -57,18 +61,20 @@ class Lmdb {
     TableFiles tables(directory);
     begin(true);
     MDB_cursor* const all = cursor(sig_fid_);
-    MDB_val key;
-    MDB_val data;
-    require(mdb_cursor_get(all, &key, &data, MDB_FIRST) == 0, "mdb_cursor_get");
-    // A whole page of duplicates at a time.
-    int status = mdb_cursor_get(all, &key, &data, MDB_GET_MULTIPLE);
+    MDB_val key = {};
+    MDB_val data = {};
+    int status = mdb_cursor_get(all, &key, &data, MDB_FIRST);
     while (status == 0) {
-      const Key* const keys = static_cast<const Key*>(data.mv_data);
-      std::for_each(keys, keys + data.mv_size / sizeof(Key),
-                    [&](const Key& record) { tables.append(record); });
-      status = mdb_cursor_get(all, &key, &data, MDB_NEXT_MULTIPLE);
+      // A whole page of duplicates at a time; a single one stays as it is.
+      require(mdb_cursor_get(all, &key, &data, MDB_GET_MULTIPLE) == 0, "MDB_GET_MULTIPLE");
+      do {
+        appendAll(key, data, &tables);
+        status = mdb_cursor_get(all, &key, &data, MDB_NEXT_MULTIPLE);
+      } while (status == 0);
+      require(status == MDB_NOTFOUND, "MDB_NEXT_MULTIPLE");
+      status = mdb_cursor_get(all, &key, &data, MDB_NEXT_NODUP);
     }
-    require(status == MDB_NOTFOUND, "MDB_NEXT_MULTIPLE");
+    require(status == MDB_NOTFOUND, "MDB_NEXT_NODUP");
     mdb_cursor_close(all);
     mdb_txn_abort(transaction_);
     transaction_ = nullptr;
@@ -80,9 +86,15 @@ class Lmdb {
   MDB_dbi srcFid() const { return src_fid_; }
 
  private:
-  static MDB_val theKey() {
-    static unsigned char key = 0;
-    return {1, &key};
+  static void appendAll(const MDB_val& key, const MDB_val& duplicates, TableFiles* tables) {
+    constexpr size_t kRest = sizeof(Key) - kKeyBytes;
+    Key record;
+    std::memcpy(record.bytes, key.mv_data, kKeyBytes);
+    const auto* const rests = static_cast<const unsigned char*>(duplicates.mv_data);
+    for (size_t at = 0; at < duplicates.mv_size; at += kRest) {
+      std::memcpy(record.bytes + kKeyBytes, rests + at, kRest);
+      tables->append(record);
+    }
   }
 
   MDB_env* environment_ = nullptr;
