@@ -185,7 +185,7 @@ bool TreeStore::flushCaches() {
 // In the middle of a batch: a cache is full of changed blocks.
 bool TreeStore::writeBack() {
   try {
-    return writable() && saveChangedBlocks() && saveExpectedBlocks() && files_.barrier() &&
+    return writable() && saveExpectedBlocks() && saveChangedBlocks() && files_.barrier() &&
            flushCaches();
   } catch (...) {
     invalidate();

@@ -11,7 +11,7 @@ namespace dlp_btree {
 
 namespace {
 
-constexpr uint32_t kBucketBits = 12;
+constexpr uint32_t kBucketBits = 14;
 constexpr size_t kBuckets = size_t{1} << kBucketBits;
 
 size_t bucketOf(uint64_t key) { return key >> (64 - kBucketBits); }
@@ -70,7 +70,7 @@ FidSigRecord PendingBatch::fidSigRecord(size_t i) const {
   const Posting& posting = postings_[i];
   const PendingDocument& document = documents_[posting.document];
   return {static_cast<int32_t>(document.fid_offset), static_cast<int32_t>(document.source_id),
-          signatures_[posting.place]};
+          signatureOf(posting.key)};
 }
 
 SigFidRecord PendingBatch::sigFidRecord(size_t i) const {
