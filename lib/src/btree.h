@@ -133,6 +133,7 @@ class BTree {
 
   // Working memory, taken at opening, so that no operation runs out of it midway.
   std::vector<Record> incoming_;  // of a batch, for one leaf
+  bool carries_ = false;          // the batch under way does so between leaves
   std::vector<Record> carried_;   // from one leaf to the front of the next
   std::vector<Accepted> accepted_;
   std::vector<Record> records_;

@@ -5,9 +5,10 @@
 // numbers and walked up again through the cache.
 //
 // Splitting. A leaf that is too full is spread over several, evenly and with a
-// tenth of room left, for the next records may go anywhere. Where a batch comes to
-// the next leaf as well, what does not fill a leaf up to that tenth is carried over
-// to its front: so a batch that touches every leaf leaves all of them that full.
+// tenth of room left, for the next records may go anywhere. A batch that comes to
+// more leaves than the cache holds carries what does not fill a leaf up to that
+// tenth over to the front of the next one, if it comes there anyway: so a batch that
+// touches every leaf of a large tree leaves all of them that full.
 // But records that come after all others usually come in ascending order: then the
 // last leaf is filled up and a new one begun, and the same holds for nodes. So the
 // last block of a level may hold as little as one entry; every other one has its
@@ -104,9 +105,8 @@ bool BTree<Record, Less>::insertBatchFrom(RecordAt recordAt, size_t count,
     if (!plant(recordAt(0))) return false;
     (*refused)[0] = false;
     next = 1;
-  } else if (!expectChanges(recordAt, count)) {
-    return false;
   }
+  if (!expectChanges(recordAt, count)) return false;
   carried_.clear();
   while (next < count) {
     Path path;
@@ -136,7 +136,8 @@ template <typename Record, typename Less>
 template <typename RecordAt>
 bool BTree<Record, Less>::expectChanges(RecordAt recordAt, size_t count) {
   blocks_.expectNothing();
-  if (count <= blocks_.cachedLeaves()) return true;
+  carries_ = false;
+  if (count <= blocks_.cachedLeaves() || blocks_.state().height == 0) return true;
   for (size_t next = 0; next < count;) {
     Path path;
     if (!descend(recordAt(next), &path)) return false;
@@ -146,6 +147,7 @@ bool BTree<Record, Less>::expectChanges(RecordAt recordAt, size_t count) {
     if (path.steps[0].last) break;
     next = firstNotLess(recordAt, next, count, path.bound, less_);
   }
+  carries_ = blocks_.expectedLeaves() > blocks_.cachedLeaves();
   return true;
 }
 
@@ -215,7 +217,7 @@ bool BTree<Record, Less>::insertIntoLeaf(const Step& step, size_t first, const R
   }
   if (append) return spread(std::move(leaf), Spread::kAppend);
   bool carry = false;
-  if (following != nullptr && !belongsTo(leaf.link(), *following, &carry)) return false;
+  if (carries_ && following != nullptr && !belongsTo(leaf.link(), *following, &carry)) return false;
   return spread(std::move(leaf), carry ? Spread::kCarry : Spread::kEvenly);
 }
 
@@ -361,7 +363,7 @@ bool BTree<Record, Less>::eraseBatch(const Record* records, size_t count,
   refused->assign(count, true);
   if (!blocks_.writable()) return false;
   const auto recordAt = [records](size_t i) { return records[i]; };
-  if (blocks_.state().height > 0 && !expectChanges(recordAt, count)) return false;
+  if (!expectChanges(recordAt, count)) return false;
   for (size_t i = 0; i < count && blocks_.valid(); ++i) (*refused)[i] = !erase(records[i]);
   blocks_.expectNothing();
   return blocks_.valid();

@@ -49,6 +49,7 @@ class TreeBlocks {
   // journal with the first that has to make room, under one sync.
   void expectChange(uint64_t number, uint32_t level);
   void expectNothing();
+  size_t expectedLeaves() const { return expected_leaves_.size(); }
   size_t cachedLeaves() const { return leaf_cache_->places(); }
 
   // Entries in a block of this level.

@@ -28,6 +28,17 @@ class BTreeTest : public testing::Test {
     ASSERT_TRUE(isSound(tree));
   }
 
+  // The number of records in each leaf.
+  static std::vector<size_t> fillOfLeaves(NumberTree* tree) {
+    std::vector<size_t> fill;
+    std::vector<Number> records;
+    for (uint64_t leaf = tree->nextLeaf(0); leaf != 0; leaf = tree->nextLeaf(leaf)) {
+      EXPECT_TRUE(tree->readLeaf(leaf, &records));
+      fill.push_back(records.size());
+    }
+    return fill;
+  }
+
   BlockFileHeader leaves() { return headerOnDisk(dir_, "t.l.blk"); }
   BlockFileHeader nodes() { return headerOnDisk(dir_, "t.n.blk"); }
 
@@ -156,31 +167,32 @@ TEST_F(BTreeTest, ABatchThatComesToEveryLeafLeavesATenthOfRoomInEach) {
   std::sort(expected.begin(), expected.end(), NumberLess());
   EXPECT_EQ(expected, scan(&tree));
 
-  std::vector<size_t> fill;
-  std::vector<Number> leaf_records;
-  for (uint64_t leaf = tree.nextLeaf(0); leaf != 0; leaf = tree.nextLeaf(leaf)) {
-    ASSERT_TRUE(tree.readLeaf(leaf, &leaf_records));
-    fill.push_back(leaf_records.size());
-  }
+  const std::vector<size_t> fill = fillOfLeaves(&tree);
   ASSERT_EQ(54u, fill.size()) << "4800 records";
   for (size_t i = 0; i + 3 < fill.size(); ++i) EXPECT_EQ(90u, fill[i]) << i;
 }
 
 // A leaf to which the batch does not come is left alone.
 TEST_F(BTreeTest, ABatchCarriesNothingIntoALeafItDoesNotNeed) {
-  make(numbers(0, 1200, 4), smallTree(100, 10));  // three full leaves
+  make(numbers(0, 8000, 4), smallTree(100, 10));  // twenty full leaves
   NumberTree tree("t", AccessType::kReadWrite, smallTree(100, 10));
-  const std::vector<Number> batch = {{1}, {801}};
+  const std::vector<Number> batch = numbers(1, 8000, 800);  // one for every second leaf
   std::vector<bool> refused;
   ASSERT_TRUE(tree.insertBatch(batch.data(), batch.size(), &refused));
   ASSERT_TRUE(isSound(&tree));
-  std::vector<size_t> fill;
-  std::vector<Number> leaf_records;
-  for (uint64_t leaf = tree.nextLeaf(0); leaf != 0; leaf = tree.nextLeaf(leaf)) {
-    ASSERT_TRUE(tree.readLeaf(leaf, &leaf_records));
-    fill.push_back(leaf_records.size());
-  }
-  EXPECT_EQ((std::vector<size_t>{50, 51, 100, 50, 51}), fill);
+  std::vector<size_t> expected;
+  for (int i = 0; i < 10; ++i) expected.insert(expected.end(), {50, 51, 100});
+  EXPECT_EQ(expected, fillOfLeaves(&tree));
+}
+
+// A small tree is not worth it: it stays in the cache as a whole.
+TEST_F(BTreeTest, ABatchThatFitsIntoTheCacheHalvesFullLeaves) {
+  make(numbers(0, 3200, 4), smallTree(100, 10));  // eight full leaves
+  NumberTree tree("t", AccessType::kReadWrite, smallTree(100, 10));
+  const std::vector<Number> batch = numbers(1, 3200, 100);
+  std::vector<bool> refused;
+  ASSERT_TRUE(tree.insertBatch(batch.data(), batch.size(), &refused));
+  EXPECT_EQ(std::vector<size_t>(16, 52), fillOfLeaves(&tree));
 }
 
 // Each leaf for itself to change it, and all of them together to save what they
