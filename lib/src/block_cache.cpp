@@ -25,8 +25,6 @@ BlockRef::~BlockRef() {
   if (cache_ != nullptr) --cache_->places_[place_].pins;
 }
 
-BlockHead* BlockRef::head() const { return cache_->blockAt(place_); }
-
 void BlockRef::markChanged() {
   cache_->places_[place_].changed = true;
   cache_->changed_ = true;
@@ -81,7 +79,7 @@ BlockRef BlockCache::create(uint64_t number, uint32_t level) {
   const size_t place = makeRoom(number);
   if (place == places_.size()) return BlockRef();
   BlockHead* const block = blockAt(place);
-  std::memset(block, 0, format_.block_bytes);
+  *block = {};  // what follows is written over, or made zeros before it is written
   block->kind = format_.kind;
   block->number = number;
   block->level = level;
@@ -110,10 +108,9 @@ std::vector<size_t> BlockCache::changedPlaces() const {
 }
 
 bool BlockCache::saveOld() {
-  const std::vector<size_t> changed = changedPlaces();
-  return std::all_of(changed.begin(), changed.end(), [this](size_t place) {
-    return collection_->saveBlock(places_[place].number);
-  });
+  std::vector<uint64_t> numbers;
+  for (const size_t place : changedPlaces()) numbers.push_back(places_[place].number);
+  return collection_->saveBlocks(numbers);
 }
 
 bool BlockCache::flush() {
@@ -133,10 +130,6 @@ bool BlockCache::flush() {
 void BlockCache::clear() {
   std::fill(places_.begin(), places_.end(), Place());
   changed_ = false;
-}
-
-BlockHead* BlockCache::blockAt(size_t place) const {
-  return reinterpret_cast<BlockHead*>(memory_.get() + place * format_.block_bytes);
 }
 
 size_t BlockCache::firstOfSet(uint64_t number) const {

@@ -57,6 +57,7 @@ class BlockCache {
   BlockCache& operator=(const BlockCache&) = delete;
 
   const BlockFormat& format() const { return format_; }
+  size_t places() const { return places_.size(); }  // blocks that it has room for
 
   // The block with this number, from memory or from disk. Empty on an I/O error
   // and for a block that fails its check or is not of this level.
@@ -103,3 +104,9 @@ class BlockCache {
   bool changed_ = false;
   bool found_damage_ = false;
 };
+
+inline BlockHead* BlockRef::head() const { return cache_->blockAt(place_); }
+
+inline BlockHead* BlockCache::blockAt(size_t place) const {
+  return reinterpret_cast<BlockHead*>(memory_.get() + place * format_.block_bytes);
+}

@@ -141,17 +141,31 @@ void BlockCollection::beginBatch() {
   for (const uint64_t number : free_blocks_) settled_[number] = true;
 }
 
-bool BlockCollection::saveBlock(uint64_t number) {
-  if (number >= settled_.size() || settled_[number]) return true;  // new, free at begin, or saved
-  if (!files_->saveOld(block_file_, offsetOf(number), blockBytes())) return false;
-  settled_[number] = true;
+// Not what is new, was free at begin, or has been saved.
+bool BlockCollection::isWorthSaving(uint64_t number) const {
+  return number < settled_.size() && !settled_[number];
+}
+
+bool BlockCollection::saveBlocks(const std::vector<uint64_t>& numbers) {
+  const size_t most = std::max<size_t>(1, kLargestRecord / blockBytes());
+  for (size_t i = 0; i < numbers.size();) {
+    const uint64_t first = numbers[i++];
+    if (!isWorthSaving(first)) continue;
+    // Neighbours make one record.
+    uint64_t end = first + 1;
+    for (; i < numbers.size() && numbers[i] == end && end - first < most && isWorthSaving(end);
+         ++i) {
+      ++end;
+    }
+    if (!files_->saveOld(block_file_, offsetOf(first), (end - first) * blockBytes())) return false;
+    for (uint64_t number = first; number < end; ++number) settled_[number] = true;
+  }
   return true;
 }
 
 // Of the header's block only the header itself is ever anything but zeros.
 bool BlockCollection::saveStackAndHeader() {
-  return (!stack_changed_ ||
-          files_->saveOld(stack_file_, 0, files_->lengthAtBegin(stack_file_))) &&
+  return (!stack_changed_ || files_->saveOld(stack_file_, 0, files_->lengthAtBegin(stack_file_))) &&
          files_->saveOld(block_file_, 0, kBlockFileHeaderBytes);
 }
 

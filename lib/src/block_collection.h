@@ -58,8 +58,8 @@ class BlockCollection {
   // The steps of a commit, in the order in which TreeStore takes them. Saving is
   // for the journal: the old contents of what is about to be written. A block
   // that was free at the begin of the batch has none worth saving.
-  void reserveBatch();  // memory that beginBatch() will need
-  bool saveBlock(uint64_t number);
+  void reserveBatch();                                    // memory that beginBatch() will need
+  bool saveBlocks(const std::vector<uint64_t>& numbers);  // ascending
   bool saveStackAndHeader();
   bool extend();      // the file is as long as its block numbers say
   bool writeStack();  // if it has changed since the last time
@@ -69,6 +69,7 @@ class BlockCollection {
  private:
   bool readHeader();
   bool readStack();
+  bool isWorthSaving(uint64_t number) const;
   uint64_t offsetOf(uint64_t number) const {
     return header_.os_block_size + (number - 1) * header_.logical_block_size;
   }

@@ -45,8 +45,11 @@ class BTree {
   // Many at once. `records` ascend; of equal neighbours the later ones count as
   // already there, or as not there any more. refused->at(i), resized to
   // `count`, tells where the single form would have returned false. False when
-  // the tree is or becomes invalid or is not open for writing.
+  // the tree is or becomes invalid or is not open for writing. The second form
+  // has recordAt(i) for the record with the number i.
   bool insertBatch(const Record* records, size_t count, std::vector<bool>* refused);
+  template <typename RecordAt>
+  bool insertBatchFrom(RecordAt recordAt, size_t count, std::vector<bool>* refused);
   bool eraseBatch(const Record* records, size_t count, std::vector<bool>* refused);
 
   // Appends to `out` the run of records for which same(record, probe) holds.
@@ -83,7 +86,8 @@ class BTree {
   };
   struct Path {
     Step steps[TreeBlocks::kMaxHeight];  // by level, 0 being the leaf
-    Record bound = {};  // what is less belongs to the leaf, unless that is the last
+    Record bound = {};         // what is less belongs to the leaf, unless that is the last
+    uint32_t bound_level = 0;  // of the node whose separator that is
   };
 
   // A record of a batch that is new, and the place in the leaf where it goes.
@@ -92,15 +96,26 @@ class BTree {
     size_t place;
   };
 
+  // How the records of a leaf that is too full are spread over it and new ones.
+  enum class Spread {
+    kEvenly,
+    kAppend,  // nothing is likely to come between them: the first one is filled up
+    kCarry,   // what does not fill a leaf goes to the front of the next one
+  };
+
   struct Audit;  // what verify() gathers
 
   bool equal(const Record& left, const Record& right) const;
   bool follows(const LeafBlock& leaf, const LeafBlock& next);
   bool descend(const Record& record, Path* path);
+  template <typename RecordAt>
+  bool expectChanges(RecordAt recordAt, size_t count);
   bool plant(const Record& record);
-  bool insertIntoLeaf(const Step& step, const Record* records, size_t count, size_t first,
+  bool insertIntoLeaf(const Step& step, size_t first, const Record* following,
                       std::vector<bool>* refused);
-  bool spread(LeafBlock leaf, bool append);
+  bool belongsTo(uint64_t leaf, const Record& record, bool* belongs);
+  bool spread(LeafBlock leaf, Spread how);
+  bool moveBound(const Record& below, const Record& bound);
   bool attach(const Record& separator, uint64_t child);
   bool splitNode(NodeBlock node, const Step& step, uint32_t level, Entry* entry);
   bool growRoot(const Entry& entry);
@@ -117,6 +132,9 @@ class BTree {
   const Less less_ = Less();
 
   // Working memory, taken at opening, so that no operation runs out of it midway.
+  std::vector<Record> incoming_;  // of a batch, for one leaf
+  bool carries_ = false;          // the batch under way does so between leaves
+  std::vector<Record> carried_;   // from one leaf to the front of the next
   std::vector<Accepted> accepted_;
   std::vector<Record> records_;
   std::vector<Entry> entries_;

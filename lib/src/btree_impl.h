@@ -5,10 +5,13 @@
 // numbers and walked up again through the cache.
 //
 // Splitting. A leaf that is too full is spread over several, evenly and with a
-// tenth of room left, for the next records may go anywhere. But records that
-// come after all others usually come in ascending order: then the last leaf is
-// filled up and a new one begun, and the same holds for nodes. So the last
-// block of a level may hold as little as one entry; every other one has its
+// tenth of room left, for the next records may go anywhere. A batch that comes to
+// more leaves than the cache holds carries what does not fill a leaf up to that
+// tenth over to the front of the next one, if it comes there anyway: so a batch that
+// touches every leaf of a large tree leaves all of them that full.
+// But records that come after all others usually come in ascending order: then the
+// last leaf is filled up and a new one begun, and the same holds for nodes. So the
+// last block of a level may hold as little as one entry; every other one has its
 // minimum.
 //
 // Erasing. A block below its minimum is joined with a neighbour under the same
@@ -19,8 +22,10 @@ template <typename Record, typename Less>
 BTree<Record, Less>::BTree(TreeStore* store, size_t tree)
     : blocks_(store, tree, sizeof(Record), sizeof(Entry)) {
   if (!blocks_.valid()) return;
+  incoming_.reserve(blocks_.maxEntries(0));
+  carried_.reserve(blocks_.maxEntries(0));
   accepted_.reserve(blocks_.maxEntries(0));
-  records_.reserve(2 * size_t{blocks_.maxEntries(0)});
+  records_.reserve(3 * size_t{blocks_.maxEntries(0)});
   entries_.reserve(2 * size_t{blocks_.maxEntries(1)} + 1);
 }
 
@@ -68,6 +73,7 @@ bool BTree<Record, Less>::descend(const Record& record, Path* path) {
     path->steps[level] = {number, child, last};
     if (child < node.count()) {
       path->bound = node[child].separator;
+      path->bound_level = level;
       last = false;
     }
     number = node.child(child);
@@ -85,23 +91,63 @@ bool BTree<Record, Less>::insert(const Record& record) {
 template <typename Record, typename Less>
 bool BTree<Record, Less>::insertBatch(const Record* records, size_t count,
                                       std::vector<bool>* refused) {
+  return insertBatchFrom([records](size_t i) { return records[i]; }, count, refused);
+}
+
+template <typename Record, typename Less>
+template <typename RecordAt>
+bool BTree<Record, Less>::insertBatchFrom(RecordAt recordAt, size_t count,
+                                          std::vector<bool>* refused) {
   refused->assign(count, true);
   if (!blocks_.writable()) return false;
   size_t next = 0;
   if (count > 0 && blocks_.state().height == 0) {
-    if (!plant(records[0])) return false;
+    if (!plant(recordAt(0))) return false;
     (*refused)[0] = false;
     next = 1;
   }
+  if (!expectChanges(recordAt, count)) return false;
+  carried_.clear();
   while (next < count) {
     Path path;
-    if (!descend(records[next], &path)) return false;
+    if (!descend(recordAt(next), &path)) return false;
     // What belongs to this leaf, and no more than one leaf can hold.
-    size_t end = std::min(count, next + blocks_.maxEntries(0));
-    if (!path.steps[0].last) end = firstNotLess(records, next, end, path.bound, less_);
-    if (!insertIntoLeaf(path.steps[0], records, end, next, refused)) return false;
-    next = end;
+    const size_t first = next;
+    Record record;
+    const Record* following = nullptr;
+    incoming_.clear();
+    for (; next < count && incoming_.size() < blocks_.maxEntries(0); ++next) {
+      record = recordAt(next);
+      if (!path.steps[0].last && !less_(record, path.bound)) {
+        following = &record;
+        break;
+      }
+      incoming_.push_back(record);
+    }
+    if (!insertIntoLeaf(path.steps[0], first, following, refused)) return false;
   }
+  blocks_.expectNothing();
+  return true;
+}
+
+// Tells which blocks a batch comes to, so that their old contents can be made
+// safe together. That pays when they are more than the cache can hold.
+template <typename Record, typename Less>
+template <typename RecordAt>
+bool BTree<Record, Less>::expectChanges(RecordAt recordAt, size_t count) {
+  blocks_.expectNothing();
+  carries_ = false;
+  if (count <= blocks_.cachedLeaves() || blocks_.state().height == 0) return true;
+  for (size_t next = 0; next < count;) {
+    Path path;
+    if (!descend(recordAt(next), &path)) return false;
+    for (uint32_t level = 0; level < blocks_.state().height; ++level) {
+      blocks_.expectChange(path.steps[level].number, level);
+    }
+    if (path.steps[0].last) break;
+    next = firstNotLess(recordAt, next, count, path.bound, less_);
+  }
+  carries_ = blocks_.expectedLeaves() > blocks_.cachedLeaves();
   return true;
 }
 
@@ -115,26 +161,32 @@ bool BTree<Record, Less>::plant(const Record& record) {
   return true;
 }
 
-// Inserts records first to count - 1, which all belong to one leaf.
+// Inserts incoming_, the records of a batch from number `first` on, and carried_,
+// which come before all that the leaf has. `following` is the next record of the
+// batch, if that is known to belong to another leaf.
 template <typename Record, typename Less>
-bool BTree<Record, Less>::insertIntoLeaf(const Step& step, const Record* records, size_t count,
-                                         size_t first, std::vector<bool>* refused) {
+bool BTree<Record, Less>::insertIntoLeaf(const Step& step, size_t first, const Record* following,
+                                         std::vector<bool>* refused) {
   LeafBlock leaf = blocks_.get(step.number, 0);
   if (!leaf) return false;
+  const Record* const present = leaf.entries();
+  const auto presentAt = [present](size_t i) { return present[i]; };
   accepted_.clear();
   size_t place = 0;
-  for (size_t i = first; i < count; ++i) {
-    if (i > first && equal(records[i - 1], records[i])) continue;
-    place = firstNotLess(leaf.entries(), place, leaf.count(), records[i], less_);
-    if (place < leaf.count() && equal(leaf[static_cast<uint32_t>(place)], records[i])) continue;
-    (*refused)[i] = false;
+  for (size_t i = 0; i < incoming_.size(); ++i) {
+    const Record& record = incoming_[i];
+    if (i > 0 && equal(incoming_[i - 1], record)) continue;
+    place = firstNotLess(presentAt, place, leaf.count(), record, less_);
+    if (place < leaf.count() && equal(leaf[static_cast<uint32_t>(place)], record)) continue;
+    (*refused)[first + i] = false;
     accepted_.push_back({i, place});
   }
-  if (accepted_.empty()) return true;
+  if (accepted_.empty() && carried_.empty()) return true;
   blocks_.state().records += accepted_.size();
 
-  const size_t total = leaf.count() + accepted_.size();
-  if (total <= blocks_.maxEntries(0)) {
+  const size_t total = carried_.size() + leaf.count() + accepted_.size();
+  const size_t capacity = blocks_.maxEntries(0);
+  if (carried_.empty() && total <= capacity) {
     // From the back, so that every record moves once.
     Record* const base = leaf.entries();
     size_t end = leaf.count();
@@ -142,36 +194,59 @@ bool BTree<Record, Less>::insertIntoLeaf(const Step& step, const Record* records
       const Accepted& accepted = accepted_[n - 1];
       std::memmove(base + accepted.place + n, base + accepted.place,
                    (end - accepted.place) * sizeof(Record));
-      base[accepted.place + n - 1] = records[accepted.index];
+      base[accepted.place + n - 1] = incoming_[accepted.index];
       end = accepted.place;
     }
     leaf.setCount(static_cast<uint32_t>(total));
     return true;
   }
+  const bool append = step.last && carried_.empty() && accepted_.front().place == leaf.count();
   records_.clear();
+  records_.insert(records_.end(), carried_.begin(), carried_.end());
+  carried_.clear();
   size_t begin = 0;
   for (const Accepted& accepted : accepted_) {
     records_.insert(records_.end(), leaf.entries() + begin, leaf.entries() + accepted.place);
-    records_.push_back(records[accepted.index]);
+    records_.push_back(incoming_[accepted.index]);
     begin = accepted.place;
   }
   records_.insert(records_.end(), leaf.entries() + begin, leaf.end());
-  const bool append = step.last && accepted_.front().place == leaf.count();
-  return spread(std::move(leaf), append);
+  if (total <= capacity) {
+    leaf.assign(records_.data(), records_.data() + total);
+    return true;
+  }
+  if (append) return spread(std::move(leaf), Spread::kAppend);
+  bool carry = false;
+  if (carries_ && following != nullptr && !belongsTo(leaf.link(), *following, &carry)) return false;
+  return spread(std::move(leaf), carry ? Spread::kCarry : Spread::kEvenly);
 }
 
-// Puts records_, more than one leaf can hold and at most twice as many, into
-// `leaf` and new leaves behind it.
+// Is that leaf the one where the record is or would be inserted?
 template <typename Record, typename Less>
-bool BTree<Record, Less>::spread(LeafBlock leaf, bool append) {
+bool BTree<Record, Less>::belongsTo(uint64_t leaf, const Record& record, bool* belongs) {
+  Path path;
+  if (!descend(record, &path)) return false;
+  *belongs = path.steps[0].number == leaf;
+  return true;
+}
+
+// Puts records_, more than one leaf can hold and at most three times as many, into
+// `leaf` and new leaves behind it, or into carried_.
+template <typename Record, typename Less>
+bool BTree<Record, Less>::spread(LeafBlock leaf, Spread how) {
   const size_t capacity = blocks_.maxEntries(0);
-  const size_t total = records_.size();
   const size_t roomy = capacity - capacity / 10;
-  const size_t pieces = append ? 2 : (total + roomy - 1) / roomy;
+  const size_t total = records_.size();
+  const size_t pieces = how == Spread::kAppend  ? 2
+                        : how == Spread::kCarry ? total / roomy
+                                                : (total + roomy - 1) / roomy;
+  const auto endOf = [&](size_t piece) {
+    if (how == Spread::kAppend) return piece == 0 ? capacity : total;
+    return how == Spread::kCarry ? roomy * (piece + 1) : total * (piece + 1) / pieces;
+  };
   const Record* begin = records_.data();
   for (size_t piece = 0; piece < pieces; ++piece) {
-    const size_t filled = append ? (piece == 0 ? capacity : total) : total * (piece + 1) / pieces;
-    const Record* const end = records_.data() + filled;
+    const Record* const end = records_.data() + endOf(piece);
     if (piece > 0) {
       LeafBlock next = blocks_.add(0);
       if (!next) return false;
@@ -183,6 +258,23 @@ bool BTree<Record, Less>::spread(LeafBlock leaf, bool append) {
     if (piece > 0 && !attach(*begin, leaf.number())) return false;
     begin = end;
   }
+  const Record* const rest_end = records_.data() + total;
+  if (begin == rest_end) return true;
+  carried_.assign(begin, rest_end);
+  return moveBound(*(begin - 1), *begin);
+}
+
+// What separates the leaf where `below` belongs from the next one becomes `bound`.
+template <typename Record, typename Less>
+bool BTree<Record, Less>::moveBound(const Record& below, const Record& bound) {
+  Path path;
+  if (!descend(below, &path)) return false;
+  if (path.steps[0].last) return breach();
+  const Step& step = path.steps[path.bound_level];
+  NodeBlock node = blocks_.get(step.number, path.bound_level);
+  if (!node) return false;
+  node.entries()[step.child].separator = bound;
+  node.markChanged();
   return true;
 }
 
@@ -248,8 +340,9 @@ bool BTree<Record, Less>::erase(const Record& record) {
   if (!descend(record, &path)) return false;
   LeafBlock leaf = blocks_.get(path.steps[0].number, 0);
   if (!leaf) return false;
-  const auto place =
-      static_cast<uint32_t>(firstNotLess(leaf.entries(), 0, leaf.count(), record, less_));
+  const Record* const present = leaf.entries();
+  const auto presentAt = [present](size_t i) { return present[i]; };
+  const auto place = static_cast<uint32_t>(firstNotLess(presentAt, 0, leaf.count(), record, less_));
   if (place == leaf.count() || !equal(leaf[place], record)) return false;
   leaf.removeAt(place);
   --state.records;
@@ -269,7 +362,10 @@ bool BTree<Record, Less>::eraseBatch(const Record* records, size_t count,
                                      std::vector<bool>* refused) {
   refused->assign(count, true);
   if (!blocks_.writable()) return false;
+  const auto recordAt = [records](size_t i) { return records[i]; };
+  if (!expectChanges(recordAt, count)) return false;
   for (size_t i = 0; i < count && blocks_.valid(); ++i) (*refused)[i] = !erase(records[i]);
+  blocks_.expectNothing();
   return blocks_.valid();
 }
 

@@ -113,16 +113,25 @@ class Node : public EntryBlock<NodeEntry<Record>> {
   }
 };
 
-// The place of the first of `records`, from `from` on, that is not less than
-// `record`: found in steps that double, because it is usually near.
-template <typename Record, typename Less>
-size_t firstNotLess(const Record* records, size_t from, size_t count, const Record& record,
+// The place of the first of `count` records, from `from` on, that is not less
+// than `record`: found in steps that double, because it is usually near. The
+// record at place i is recordAt(i).
+template <typename RecordAt, typename Record, typename Less>
+size_t firstNotLess(RecordAt recordAt, size_t from, size_t count, const Record& record,
                     const Less& less) {
   size_t step = 1;
-  while (from + step <= count && less(records[from + step - 1], record)) {
+  while (from + step <= count && less(recordAt(from + step - 1), record)) {
     from += step;
     step *= 2;
   }
-  const Record* const end = records + std::min(from + step, count);
-  return static_cast<size_t>(std::lower_bound(records + from, end, record, less) - records);
+  size_t end = std::min(from + step, count);
+  while (from < end) {
+    const size_t middle = from + (end - from) / 2;
+    if (less(recordAt(middle), record)) {
+      from = middle + 1;
+    } else {
+      end = middle;
+    }
+  }
+  return from;
 }

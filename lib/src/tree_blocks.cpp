@@ -91,7 +91,28 @@ void TreeBlocks::restoreState() {
   state_ = {header.root, static_cast<uint32_t>(header.height), header.records};
 }
 
+void TreeBlocks::expectChange(uint64_t number, uint32_t level) {
+  std::vector<uint64_t>& expected = level == 0 ? expected_leaves_ : expected_nodes_;
+  if (expected.empty() || expected.back() != number) expected.push_back(number);
+}
+
+void TreeBlocks::expectNothing() {
+  expected_leaves_.clear();
+  expected_nodes_.clear();
+}
+
+bool TreeBlocks::saveExpected() {
+  for (std::vector<uint64_t>* const expected : {&expected_leaves_, &expected_nodes_}) {
+    std::sort(expected->begin(), expected->end());
+    expected->erase(std::unique(expected->begin(), expected->end()), expected->end());
+  }
+  const bool saved = leaves_.saveBlocks(expected_leaves_) && nodes_.saveBlocks(expected_nodes_);
+  expectNothing();
+  return saved;
+}
+
 void TreeBlocks::forget() {
+  expectNothing();
   leaf_cache_->clear();
   node_cache_->clear();
 }

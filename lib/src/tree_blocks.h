@@ -45,6 +45,13 @@ class TreeBlocks {
   BlockRef add(uint32_t level);
   bool drop(uint64_t number, uint32_t level);  // not while someone holds it
 
+  // A batch is going to change these blocks, too. Their old contents go to the
+  // journal with the first that has to make room, under one sync.
+  void expectChange(uint64_t number, uint32_t level);
+  void expectNothing();
+  size_t expectedLeaves() const { return expected_leaves_.size(); }
+  size_t cachedLeaves() const { return leaf_cache_->places(); }
+
   // Entries in a block of this level.
   uint32_t maxEntries(uint32_t level) const { return level == 0 ? leaf_max_ : node_max_; }
   uint32_t minEntries(uint32_t level) const { return level == 0 ? leaf_min_ : node_min_; }
@@ -55,6 +62,7 @@ class TreeBlocks {
   bool changed() const { return leaf_cache_->changed() || node_cache_->changed(); }
   bool foundDamage() const;
   bool saveOld() { return leaf_cache_->saveOld() && node_cache_->saveOld(); }
+  bool saveExpected();
   bool flush() { return leaf_cache_->flush() && node_cache_->flush(); }
   void forget();  // every block, unwritten ones too
   void restoreState();
@@ -73,6 +81,8 @@ class TreeBlocks {
   uint32_t node_max_ = 0, node_min_ = 0;
   std::optional<BlockCache> leaf_cache_;  // there are caches in a store that opened well
   std::optional<BlockCache> node_cache_;
+  std::vector<uint64_t> expected_leaves_;  // numbers
+  std::vector<uint64_t> expected_nodes_;
   TreeState state_;
   bool reported_damage_ = false;
 };

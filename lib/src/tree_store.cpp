@@ -34,9 +34,8 @@ TreeStore::TreeStore(const std::string& base_name, const std::vector<std::string
     : access_(access), params_(params), files_(base_name), files_of_(suffixes.size()) {
   if (suffixes.size() > kMaxTrees || !open(filePaths(base_name, suffixes))) return;
   if (!files_.recover(access_ == AccessType::kReadOnly) || !load()) return;
-  const bool any_fresh = std::any_of(files_of_.begin(), files_of_.end(), [](const TreeFiles& of) {
-    return of.leaves.isFresh();
-  });
+  const bool any_fresh = std::any_of(files_of_.begin(), files_of_.end(),
+                                     [](const TreeFiles& of) { return of.leaves.isFresh(); });
   valid_ = !any_fresh || access_ == AccessType::kReadWrite;
   try {
     if (any_fresh && writable() && !commit()) rollback();
@@ -109,8 +108,7 @@ bool TreeStore::headersAgree() {
 }
 
 bool TreeStore::changed() const {
-  return written_back_ ||
-         std::any_of(files_of_.begin(), files_of_.end(), [](const TreeFiles& of) {
+  return written_back_ || std::any_of(files_of_.begin(), files_of_.end(), [](const TreeFiles& of) {
            return of.leaves.isFresh() || (of.tree != nullptr && of.tree->changed());
          });
 }
@@ -167,22 +165,28 @@ bool TreeStore::writeHeaders() {
 }
 
 bool TreeStore::saveChangedBlocks() {
+  return std::all_of(files_of_.begin(), files_of_.end(),
+                     [](const TreeFiles& of) { return of.tree == nullptr || of.tree->saveOld(); });
+}
+
+// The journal's sync is what a batch waits for most, so it serves all of the batch.
+bool TreeStore::saveExpectedBlocks() {
   return std::all_of(files_of_.begin(), files_of_.end(), [](const TreeFiles& of) {
-    return of.tree == nullptr || of.tree->saveOld();
+    return of.tree == nullptr || of.tree->saveExpected();
   });
 }
 
 bool TreeStore::flushCaches() {
   written_back_ = true;
-  return std::all_of(files_of_.begin(), files_of_.end(), [](const TreeFiles& of) {
-    return of.tree == nullptr || of.tree->flush();
-  });
+  return std::all_of(files_of_.begin(), files_of_.end(),
+                     [](const TreeFiles& of) { return of.tree == nullptr || of.tree->flush(); });
 }
 
 // In the middle of a batch: a cache is full of changed blocks.
 bool TreeStore::writeBack() {
   try {
-    return writable() && saveChangedBlocks() && files_.barrier() && flushCaches();
+    return writable() && saveExpectedBlocks() && saveChangedBlocks() && files_.barrier() &&
+           flushCaches();
   } catch (...) {
     invalidate();
     throw;

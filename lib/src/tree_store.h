@@ -88,6 +88,7 @@ class TreeStore {
   bool changed() const;
   bool writeBack();
   bool saveChangedBlocks();
+  bool saveExpectedBlocks();
   bool flushCaches();
   bool writeAll();
   bool writeHeaders();

@@ -64,15 +64,14 @@ bool writeAt(platform::File* file, uint64_t offset, const void* data, size_t byt
 // The first nonce is another every second: a file system may show in a new file
 // what a removed one held.
 UndoJournal::UndoJournal(std::string path)
-    : path_(std::move(path)),
-      nonce_(static_cast<uint64_t>(platform::current().time()) << 32) {}
+    : path_(std::move(path)), nonce_(static_cast<uint64_t>(platform::current().time()) << 32) {}
 
 UndoJournal::State UndoJournal::open(bool read_only, BatchBegin* begin) {
   file_ = platform::current().open(
       path_.c_str(), read_only ? platform::OpenMode::kRead : platform::OpenMode::kUpdate);
   if (!file_) {
-    const bool absent = read_only && !dlp_btree::vn_exists(path_.c_str()) &&
-                        dlp_btree::vn_last_error() == ENOENT;
+    const bool absent =
+        read_only && !dlp_btree::vn_exists(path_.c_str()) && dlp_btree::vn_last_error() == ENOENT;
     return absent ? State::kIdle : State::kUnreadable;
   }
   const int64_t size = file_->size();
@@ -164,7 +163,10 @@ bool UndoJournal::makeEmpty(platform::File* file) {
 
 bool UndoJournal::append(platform::File* source, uint32_t file, uint64_t offset, size_t bytes) {
   const size_t padded = roundUp(kRecordHeadBytes + bytes, 8);
-  record_.assign(padded, 0);
+  record_.resize(padded);
+  std::fill_n(record_.begin(), kRecordHeadBytes, 0);
+  std::fill(record_.begin() + static_cast<std::ptrdiff_t>(kRecordHeadBytes + bytes), record_.end(),
+            0);
   storeLittle32(&record_[0], kRecordMagic);
   storeLittle32(&record_[4], file);
   storeLittle64(&record_[8], offset);

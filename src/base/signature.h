@@ -1,6 +1,7 @@
 // The 8-byte signature and its order.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -13,11 +14,25 @@ struct Signature {
 static_assert(sizeof(Signature) == 8 && alignof(Signature) == 1,
               "lists are arrays of unsigned char[8]");
 
+// A number as its bytes stand in memory, the first being the most significant;
+// and back.
+inline uint64_t bigEndian(uint64_t value) {
+  return std::endian::native == std::endian::little ? __builtin_bswap64(value) : value;
+}
+
 // The signature as a number whose order is that of memcmp over the bytes.
 inline uint64_t signatureKey(const Signature& signature) {
-  uint64_t key = 0;
-  for (const unsigned char byte : signature.bytes) key = key << 8 | byte;
-  return key;
+  uint64_t key;
+  std::memcpy(&key, signature.bytes, sizeof key);
+  return bigEndian(key);
+}
+
+// The signature with this key.
+inline Signature signatureOf(uint64_t key) {
+  key = bigEndian(key);
+  Signature signature;
+  std::memcpy(signature.bytes, &key, sizeof key);
+  return signature;
 }
 
 // 1, -1 or 0, as memcmp orders the eight bytes.

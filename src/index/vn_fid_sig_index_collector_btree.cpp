@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <numeric>
 #include <utility>
 
 #include "log.h"
@@ -20,56 +21,26 @@ namespace {
 constexpr uint32_t kSignatureBytes = sizeof(Signature);
 constexpr uint32_t kFirstNegativeFid = 0x80000000u;
 
-// One record of a batch on its way into a tree. `document` counts in the
-// trees' order, so that `key` and `document`, in the order that a tree wants,
-// stand for the whole record; `place` tells equal records apart.
-struct Entry {
-  uint64_t key;
-  uint32_t document;
-  uint32_t place;  // where it stood in the order of addition
-};
-
-bool byDocument(const Entry& left, const Entry& right) {
-  if (left.document != right.document) return left.document < right.document;
-  return left.key != right.key ? left.key < right.key : left.place < right.place;
-}
-
-bool byKey(const Entry& left, const Entry& right) {
-  if (left.key != right.key) return left.key < right.key;
-  return left.document != right.document ? left.document < right.document
-                                         : left.place < right.place;
-}
-
-// The batch of one tree: its records in its own order, and room for its answer.
-// All memory is taken here, so that none can run out between two trees.
-template <typename Record>
-class TreeBatch {
+// What a tree refused of a batch. Its memory is taken at once.
+class Refusals {
  public:
-  template <typename MakeRecord>
-  TreeBatch(const std::vector<Entry>& entries, MakeRecord makeRecord)
-      : records_(entries.size()), places_(entries.size()), duplicated_(entries.size()) {
-    refused_.reserve(entries.size());
-    std::transform(entries.begin(), entries.end(), records_.begin(), makeRecord);
-    std::transform(entries.begin(), entries.end(), places_.begin(),
-                   [](const Entry& entry) { return entry.place; });
-  }
+  explicit Refusals(size_t records) : refused_(records) { in_order_.reserve(records); }
 
-  // False when the tree is or becomes invalid.
-  template <typename Less>
-  bool insertInto(BTree<Record, Less>* tree) {
-    if (!tree->insertBatch(records_.data(), records_.size(), &refused_)) return false;
-    for (size_t i = 0; i < places_.size(); ++i) duplicated_[places_[i]] = refused_[i];
-    return true;
-  }
+  std::vector<bool>* answer() { return &in_order_; }  // of the tree, in its order
 
-  // Whether the record that was added at this place was there already.
-  bool isDuplicated(size_t place) const { return duplicated_[place]; }
+  // From the tree's order to that of addition, in which record i was number
+  // placeOf(i).
+  template <typename PlaceOf>
+  void assign(PlaceOf placeOf) {
+    for (size_t i = 0; i < in_order_.size(); ++i) {
+      if (in_order_[i]) refused_[placeOf(i)] = true;
+    }
+  }
+  bool at(size_t place) const { return refused_[place]; }
 
  private:
-  std::vector<Record> records_;
-  std::vector<uint32_t> places_;
-  std::vector<bool> refused_;     // in the tree's order
-  std::vector<bool> duplicated_;  // by place
+  std::vector<bool> in_order_;
+  std::vector<bool> refused_;
 };
 
 template <typename Tree>
@@ -220,54 +191,54 @@ int FidSigIndexCollector::SaveFidSignature() try {
   for (auto it = pending_documents_.begin(); it != below_base; ++it) {
     documents.push_back(it->second);
   }
-  const auto fid = [&](const Entry& entry) {
-    return static_cast<int32_t>(documents[entry.document].fid_offset);
+  // By source there is one record for each document.
+  std::vector<uint32_t> by_source(documents.size());
+  std::iota(by_source.begin(), by_source.end(), 0);
+  const auto srcFidRecord = [&](size_t i) {
+    const PendingDocument& document = documents[by_source[i]];
+    return SrcFidRecord{static_cast<int32_t>(document.source_id),
+                        static_cast<int32_t>(document.fid_offset)};
   };
-  const auto source = [&](const Entry& entry) {
-    return static_cast<int32_t>(documents[entry.document].source_id);
-  };
-  const auto signature = [&](const Entry& entry) { return pending_signatures_[entry.place]; };
+  std::sort(by_source.begin(), by_source.end(), [&](uint32_t left, uint32_t right) {
+    return documents[left].source_id != documents[right].source_id
+               ? static_cast<int32_t>(documents[left].source_id) <
+                     static_cast<int32_t>(documents[right].source_id)
+               : left < right;
+  });
 
-  std::vector<Entry> postings;
-  postings.reserve(pending_signatures_.size());
-  std::vector<Entry> sources;
-  sources.reserve(documents.size());
-  for (uint32_t d = 0; d < documents.size(); ++d) {
-    const PendingDocument& document = documents[d];
-    for (uint32_t i = document.first; i < document.end; ++i) {
-      postings.push_back({signatureKey(pending_signatures_[i]), d, i});
-    }
-    sources.push_back({signedPairKey(static_cast<int32_t>(document.source_id),
-                                     static_cast<int32_t>(document.fid_offset)),
-                       d, d});
+  // All memory is taken before the first tree changes.
+  PendingBatch batch(documents, pending_signatures_);
+  Refusals fid_sig(batch.size());
+  Refusals sig_fid(batch.size());
+  Refusals src_fid(documents.size());
+
+  batch.orderByDocument();
+  bool saved = fid_sig_tree_->insertBatchFrom([&](size_t i) { return batch.fidSigRecord(i); },
+                                              batch.size(), fid_sig.answer());
+  if (saved) {
+    fid_sig.assign([&](size_t i) { return batch.place(i); });
+    batch.orderBySignature();
+    saved = sig_fid_tree_->insertBatchFrom([&](size_t i) { return batch.sigFidRecord(i); },
+                                           batch.size(), sig_fid.answer());
   }
-
-  std::sort(postings.begin(), postings.end(), byDocument);
-  TreeBatch<FidSigRecord> fid_sig(postings, [&](const Entry& entry) {
-    return FidSigRecord{fid(entry), source(entry), signature(entry)};
-  });
-  std::sort(postings.begin(), postings.end(), byKey);
-  TreeBatch<SigFidRecord> sig_fid(postings, [&](const Entry& entry) {
-    return SigFidRecord{signature(entry), fid(entry), source(entry)};
-  });
-  std::sort(sources.begin(), sources.end(), byKey);
-  TreeBatch<SrcFidRecord> src_fid(sources, [&](const Entry& entry) {
-    return SrcFidRecord{source(entry), fid(entry)};
-  });
-  if (!fid_sig.insertInto(fid_sig_tree_.get()) || !sig_fid.insertInto(sig_fid_tree_.get()) ||
-      !src_fid.insertInto(src_fid_tree_.get()) || !store_->commit()) {
+  if (saved) {
+    sig_fid.assign([&](size_t i) { return batch.place(i); });
+    saved = src_fid_tree_->insertBatchFrom(srcFidRecord, documents.size(), src_fid.answer());
+  }
+  if (!saved || !store_->commit()) {
     store_->rollback();
     return kErrFile;
   }
+  src_fid.assign([&](size_t i) { return by_source[i]; });
 
   // Reported as if the documents had been inserted one by one.
   for (size_t i = 0; i < documents.size(); ++i) {
     const size_t d = (first_in_map + i) % documents.size();
     for (uint32_t place = documents[d].first; place < documents[d].end; ++place) {
-      if (fid_sig.isDuplicated(place)) LOG_ERROR("duplicated fid_sig value");
-      if (sig_fid.isDuplicated(place)) LOG_ERROR("duplicated sig_fid value");
+      if (fid_sig.at(place)) LOG_ERROR("duplicated fid_sig value");
+      if (sig_fid.at(place)) LOG_ERROR("duplicated sig_fid value");
     }
-    if (src_fid.isDuplicated(d)) {
+    if (src_fid.at(d)) {
       LOG_ERROR("duplicated src_fid value: %d, %d", static_cast<int32_t>(documents[d].source_id),
                 static_cast<int32_t>(documents[d].fid_offset));
     }

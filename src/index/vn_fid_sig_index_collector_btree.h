@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "meta_data.h"
+#include "pending_batch.h"
 #include "signature.h"
 #include "tree_records.h"
 #include "vn_config.h"
@@ -80,13 +81,6 @@ class FidSigIndexCollector {
   void Reset() noexcept;
 
  private:
-  struct PendingDocument {  // its signatures: pending_signatures_[first, end)
-    uint32_t fid_offset;
-    uint32_t source_id;
-    uint32_t first;
-    uint32_t end;
-  };
-
   int make_dir(const std::string& directory);
   int gen_btree();
 

@@ -28,6 +28,17 @@ class BTreeTest : public testing::Test {
     ASSERT_TRUE(isSound(tree));
   }
 
+  // The number of records in each leaf.
+  static std::vector<size_t> fillOfLeaves(NumberTree* tree) {
+    std::vector<size_t> fill;
+    std::vector<Number> records;
+    for (uint64_t leaf = tree->nextLeaf(0); leaf != 0; leaf = tree->nextLeaf(leaf)) {
+      EXPECT_TRUE(tree->readLeaf(leaf, &records));
+      fill.push_back(records.size());
+    }
+    return fill;
+  }
+
   BlockFileHeader leaves() { return headerOnDisk(dir_, "t.l.blk"); }
   BlockFileHeader nodes() { return headerOnDisk(dir_, "t.n.blk"); }
 
@@ -141,8 +152,52 @@ TEST_F(BTreeTest, ABatchMuchLargerThanALeafFitsBetweenTwoRecords) {
   EXPECT_EQ(numbers(0, 1001), scan(&tree));
 }
 
-// Once to change it and once to save what it was.
-TEST_F(BTreeTest, ABatchReadsEachLeafItNeedsTwice) {
+// What does not fill a leaf up to its tenth of room goes to the next one; only the
+// last leaves share what is left.
+TEST_F(BTreeTest, ABatchThatComesToEveryLeafLeavesATenthOfRoomInEach) {
+  make(numbers(0, 40000, 10), smallTree(100, 5));  // forty full leaves, nodes of several levels
+  NumberTree tree("t", AccessType::kReadWrite, smallTree(100, 5));
+  std::vector<Number> expected = numbers(0, 40000, 10);
+  const std::vector<Number> batch = numbers(5, 40005, 50);
+  std::vector<bool> refused;
+  ASSERT_TRUE(tree.insertBatch(batch.data(), batch.size(), &refused));
+  EXPECT_EQ(std::vector<bool>(batch.size(), false), refused);
+  ASSERT_TRUE(isSound(&tree));
+  expected.insert(expected.end(), batch.begin(), batch.end());
+  std::sort(expected.begin(), expected.end(), NumberLess());
+  EXPECT_EQ(expected, scan(&tree));
+
+  const std::vector<size_t> fill = fillOfLeaves(&tree);
+  ASSERT_EQ(54u, fill.size()) << "4800 records";
+  for (size_t i = 0; i + 3 < fill.size(); ++i) EXPECT_EQ(90u, fill[i]) << i;
+}
+
+// A leaf to which the batch does not come is left alone.
+TEST_F(BTreeTest, ABatchCarriesNothingIntoALeafItDoesNotNeed) {
+  make(numbers(0, 8000, 4), smallTree(100, 10));  // twenty full leaves
+  NumberTree tree("t", AccessType::kReadWrite, smallTree(100, 10));
+  const std::vector<Number> batch = numbers(1, 8000, 800);  // one for every second leaf
+  std::vector<bool> refused;
+  ASSERT_TRUE(tree.insertBatch(batch.data(), batch.size(), &refused));
+  ASSERT_TRUE(isSound(&tree));
+  std::vector<size_t> expected;
+  for (int i = 0; i < 10; ++i) expected.insert(expected.end(), {50, 51, 100});
+  EXPECT_EQ(expected, fillOfLeaves(&tree));
+}
+
+// A small tree is not worth it: it stays in the cache as a whole.
+TEST_F(BTreeTest, ABatchThatFitsIntoTheCacheHalvesFullLeaves) {
+  make(numbers(0, 3200, 4), smallTree(100, 10));  // eight full leaves
+  NumberTree tree("t", AccessType::kReadWrite, smallTree(100, 10));
+  const std::vector<Number> batch = numbers(1, 3200, 100);
+  std::vector<bool> refused;
+  ASSERT_TRUE(tree.insertBatch(batch.data(), batch.size(), &refused));
+  EXPECT_EQ(std::vector<size_t>(16, 52), fillOfLeaves(&tree));
+}
+
+// Each leaf for itself to change it, and all of them together to save what they
+// were.
+TEST_F(BTreeTest, ABatchReadsEachLeafItNeedsOnce) {
   make(numbers(0, 4000, 2), smallTree(50, 10));
   NumberTree tree("t", AccessType::kReadWrite, smallTree(50, 10));
   const std::vector<Number> batch = numbers(1, 4000, 20);
@@ -150,7 +205,27 @@ TEST_F(BTreeTest, ABatchReadsEachLeafItNeedsTwice) {
   std::vector<bool> refused;
   ASSERT_TRUE(tree.insertBatch(batch.data(), batch.size(), &refused));
   ASSERT_TRUE(tree.commit());
-  EXPECT_EQ(2 * 40 + 1, system_.count()) << "the header is saved, too";
+  EXPECT_EQ(40 + 1 + 1, system_.count()) << "the header is saved, too";
+}
+
+// The leaves are many more than the cache holds, but their old contents are on the
+// disk before the first of them is written.
+TEST_F(BTreeTest, ABatchSyncsWhatItsLeavesWereOnce) {
+  make(numbers(0, 4000, 2), smallTree(50, 100));  // forty leaves, one node
+  for (const bool erase : {false, true}) {
+    NumberTree tree("t", AccessType::kReadWrite, smallTree(50, 100));
+    const std::vector<Number> batch = numbers(erase ? 0 : 1, 4000, 500);
+    std::vector<Number> more = numbers(erase ? 100 : 101, 4000, 100);
+    more.insert(more.end(), batch.begin(), batch.end());
+    std::sort(more.begin(), more.end(), NumberLess());
+    system_.fail(Call::kSync, 0, false, ".jnl");
+    std::vector<bool> refused;
+    ASSERT_TRUE(erase ? tree.eraseBatch(more.data(), more.size(), &refused)
+                      : tree.insertBatch(more.data(), more.size(), &refused));
+    EXPECT_EQ(1, system_.count()) << erase;
+    ASSERT_TRUE(tree.commit());
+    EXPECT_EQ(3, system_.count()) << "and for the headers, and for the end; " << erase;
+  }
 }
 
 TEST_F(BTreeTest, ABatchOfErasuresIsRefusedWhereSingleOnesWouldBe) {

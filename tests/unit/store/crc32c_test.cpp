@@ -41,6 +41,18 @@ TEST(Crc32c, EveryLengthAndAlignmentGivesWhatOneBitAStepGives) {
   }
 }
 
+// Long ones are taken in three parts at a time.
+TEST(Crc32c, LongDataGivesWhatOneBitAStepGives) {
+  const std::string bytes = documents::bytes(20000, 7);
+  for (const size_t length : {3071, 3072, 3073, 6143, 6144, 9999, 19999}) {
+    for (const size_t begin : {0, 1}) {
+      const uint32_t expected = slowCrc(bytes.substr(begin, length));
+      EXPECT_EQ(expected, crc32c(bytes.data() + begin, length)) << length;
+      EXPECT_EQ(expected, crc32cByTables(bytes.data() + begin, length, 0)) << length;
+    }
+  }
+}
+
 TEST(Crc32c, PiecesGiveWhatTheWholeGives) {
   const std::string bytes = documents::bytes(50, 6);
   for (size_t cut = 0; cut <= bytes.size(); ++cut) {
