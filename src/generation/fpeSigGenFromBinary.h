@@ -7,7 +7,8 @@
 //
 // Sum k adds the bytes k behind about twenty sample positions, or one in 512
 // bytes of a larger content, and keeps the low 8 bits. No sample starts in the
-// last four bytes, but in a content of up to three every byte is one. The maximum content size does not apply.
+// last four bytes, but in a content of up to three every byte is one. The
+// maximum content size does not apply.
 // Tests: tests/unit/generation/fpeSigGenFromBinary_test.cpp.
 #pragma once
 

@@ -49,7 +49,7 @@ class TextScanner {
     if (windows_ == 0) return false;
     std::memset(buffer_ + filled_, 0, kTextSlack);
     kernel_.select(buffer_, windows_, selected_);
-    // No window is selected from here to the next multiple of 64 and of the unit.
+    // No window is selected from here to the next multiple of 64.
     selected_[windows_ / 64] &= (uint64_t{1} << windows_ % 64) - 1;
     scanned_ = windows_;
     return true;
@@ -179,8 +179,7 @@ int handOut(uint64_t* numbers, size_t length, Signature** signatures, int* count
   size_t distinct = 0;
   for (size_t i = 0; i < length; ++i) {
     if (i > 0 && numbers[i] == numbers[i - 1]) continue;
-    list[distinct++] = std::bit_cast<Signature>(
-        std::endian::native == std::endian::big ? numbers[i] : __builtin_bswap64(numbers[i]));
+    list[distinct++] = signatureOf(numbers[i]);
   }
   *signatures = list;
   *count = static_cast<int>(distinct);

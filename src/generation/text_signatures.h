@@ -6,7 +6,8 @@
 // more memory than a piece and is still in the cache when it is scanned. Windows
 // across two pieces are scanned with the second one, whose buffer begins with what
 // the first one left over.
-// Tests: tests/property/text_kernel_property_test.cpp.
+// Tests: tests/unit/generation/text_signatures_test.cpp and
+// tests/property/text_kernel_property_test.cpp.
 #pragma once
 
 #include "fpeSigGenTable.h"
@@ -21,6 +22,7 @@ inline constexpr size_t kPieceBytes = 40 << 10;
 
 // The list of `length` bytes of text, as a malloc block; null when it is empty.
 // `normalized_length` may be null, which spares the client the rest of a text whose
-// list is full. Returns 0, or -4 when memory is out.
+// list is full, and keeps its value when the text is shorter than a window. Returns 0,
+// or -4 when memory is out; the list is then null and the count 0.
 int signText(const TextKernel& kernel, Platform platform, const unsigned char* text, int length,
              Signature** signatures, int* count, int* normalized_length);

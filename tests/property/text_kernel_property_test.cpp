@@ -92,6 +92,25 @@ std::string edges(size_t length, Random* random) {
   return text;
 }
 
+// Stretches of words, of letters, and of nothing that stays.
+std::string withGaps(size_t length, Random* random) {
+  std::string text;
+  while (text.size() < length) {
+    const size_t stretch = 1 + random->below(random->oneIn(4) ? kPieceBytes : 3000);
+    switch (random->below(3)) {
+      case 0:
+        text.append(stretch, ' ');
+        break;
+      case 1:
+        text += documents::letters(stretch, random->next());
+        break;
+      default:
+        text += documents::words(stretch, random->next());
+    }
+  }
+  return text;
+}
+
 constexpr int kKinds = 9;
 
 std::string textOfKind(int kind, size_t length, Random* random) {
@@ -163,6 +182,15 @@ class KernelProperty : public testing::Test {
     return found;
   }
 
+  // Frees the list.
+  static twin::List taken(Signature* list, int count) {
+    const MallocArray<Signature> owner(list);
+    EXPECT_EQ(count == 0, list == nullptr);
+    twin::List all(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) std::copy_n(list[i].bytes, 8, all[i].begin());
+    return all;
+  }
+
   static twin::List signedText(const TextKernel& kernel, Platform platform, const std::string& text,
                                int* normalized_length) {
     const auto copy = std::make_unique<unsigned char[]>(text.size());  // no byte to spare
@@ -172,11 +200,38 @@ class KernelProperty : public testing::Test {
     int count = -1;
     EXPECT_EQ(0, signText(kernel, platform, copy.get(), static_cast<int>(text.size()), &list,
                           &count, normalized_length));
-    const MallocArray<Signature> owner(list);
-    EXPECT_EQ(count == 0, list == nullptr);
-    twin::List all(static_cast<size_t>(count));
-    for (int i = 0; i < count; ++i) std::copy_n(list[i].bytes, 8, all[i].begin());
-    return all;
+    return taken(list, count);
+  }
+
+  static twin::List scannedText(Platform platform, const std::string& text,
+                                int* normalized_length) {
+    const int length = static_cast<int>(text.size());
+    Signature* list = nullptr;
+    int count = 0;
+    if (platform == kServer) {
+      EXPECT_EQ(0, getSignatureServer(bytes(text), length, &list, &count, normalized_length,
+                                      getHashValues_KR, getHashValuesNoHorner_KR));
+    } else {
+      EXPECT_EQ(0, getSignatureClient(bytes(text), length, &list, &count, normalized_length,
+                                      getHashValues_KR));
+    }
+    return taken(list, count);
+  }
+
+  // Against the plain form, for texts that are too long for the twin.
+  static void compareWithScan(const std::string& text, size_t limit) {
+    setMaxContentSize(static_cast<int>(limit));
+    for (const Platform platform : {kServer, kClient}) {
+      int expected_length = 0;
+      const twin::List expected = scannedText(platform, text, &expected_length);
+      for (const TextKernel* const kernel : supportedKernels()) {
+        SCOPED_TRACE(testing::Message() << kernel->name << ", platform " << platform << ", bytes "
+                                        << text.size() << ", limit " << limit);
+        int length = 0;
+        ASSERT_EQ(expected, signedText(*kernel, platform, text, &length));
+        ASSERT_EQ(expected_length, length);
+      }
+    }
   }
 
   static void compareLists(const std::string& text, size_t limit) {
@@ -235,6 +290,18 @@ TEST_F(KernelProperty, TextsOfSomePiecesGiveTheTwinsLists) {
     compareLists(documents::words(length, random.next()), 1 << 30);
     compareLists(documents::letters(length, random.next()), 1 << 30);
     compareLists(documents::bytes(length, random.next()), 1 << 30);
+    if (HasFatalFailure()) return;
+  }
+}
+
+// The buffer is filled up often and by little, and text ends anywhere in it.
+TEST_F(KernelProperty, TextsWithGapsGiveTheListsOfTheScan) {
+  const uint64_t seed = documents::seed(20240808);
+  SCOPED_TRACE(testing::Message() << "TESSERA_SEED=" << seed);
+  Random random(seed);
+  for (int run = 0; run < 200; ++run) {
+    const std::string text = withGaps(random.below(6 * kPieceBytes), &random);
+    compareWithScan(text, random.oneIn(3) ? random.below(text.size() + 1) : 1 << 30);
     if (HasFatalFailure()) return;
   }
 }

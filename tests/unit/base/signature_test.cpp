@@ -41,6 +41,11 @@ TEST(SignatureKey, IsTheBigEndianNumber) {
   EXPECT_EQ(UINT64_MAX, signatureKey(signature({255, 255, 255, 255, 255, 255, 255, 255})));
 }
 
+TEST(SignatureKey, GivesTheSignatureBack) {
+  EXPECT_EQ(signature({1, 2, 3, 4, 5, 6, 7, 8}), signatureOf(0x0102030405060708));
+  EXPECT_EQ(signature({0, 0, 0, 0, 0, 0, 0, 255}), signatureOf(255));
+}
+
 TEST(SignaturePrefix, IsTheFirstByteTimes256PlusTheSecond) {
   EXPECT_EQ(0u, signaturePrefix(signature({0, 0, 9, 9, 9, 9, 9, 9})));
   EXPECT_EQ(258u, signaturePrefix(signature({1, 2})));
