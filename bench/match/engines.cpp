@@ -15,17 +15,11 @@ class Tessera final : public Searcher {
   }
 
   void search(const Query& query) override {
-    prepare(query);
-    MallocArray<FsidPair> files;
-    MallocArray<uint32_t> counts;
-    uint32_t found = 0;
-    uint32_t files_num = 0;
-    require(engine_.SearchSignatures(n_, query.signatures.data(), &found, ranges(), &files_num,
-                                     &files, &counts) == 0,
-            "search failed");
-    benchmark::DoNotOptimize(files.get());
+    wholeSearch(query);
+    benchmark::DoNotOptimize(files_.get());
   }
 
+  // The two steps by themselves; what they lead to has to be what the whole finds.
   void pairs(const Query& query, Pairs* out) override {
     prepare(query);
     uint32_t found = 0;
@@ -35,12 +29,27 @@ class Tessera final : public Searcher {
     uint32_t count = 0;
     MallocArray<FsidPair> hits;
     require(engine_.build_sig_fid_info_tbl(n_, ranges(), &count, &hits) == 0, "hits not read");
+    for (uint32_t i = 0; i < count; ++i) out->push_back(pairOf(hits[i].fid, hits[i].source));
+
+    MallocArray<uint32_t> counts;
+    require(engine_.process_fid_info(&count, &hits, &counts) == 0, "ranking failed");
+    wholeSearch(query);
+    require(count == files_num_, "different files found");
     for (uint32_t i = 0; i < count; ++i) {
-      out->push_back(pairOf(hits[i].fid, hits[i].source));
+      require(hits[i].fid == files_[i].fid && hits[i].source == files_[i].source &&
+                  counts[i] == counts_[i],
+              "different files found");
     }
   }
 
  private:
+  void wholeSearch(const Query& query) {
+    prepare(query);
+    uint32_t found = 0;
+    require(engine_.SearchSignatures(n_, query.signatures.data(), &found, ranges(), &files_num_,
+                                     &files_, &counts_) == 0,
+            "search failed");
+  }
   void prepare(const Query& query) {
     n_ = static_cast<uint32_t>(query.signatures.size());
     numbers_.resize(3 * query.signatures.size());
@@ -52,6 +61,9 @@ class Tessera final : public Searcher {
   FidIndexSearchEngine engine_;
   uint32_t n_ = 0;
   std::vector<uint32_t> numbers_;
+  uint32_t files_num_ = 0;
+  MallocArray<FsidPair> files_;
+  MallocArray<uint32_t> counts_;
 };
 
 class Plain final : public Searcher {
