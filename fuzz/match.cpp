@@ -15,8 +15,8 @@
 namespace {
 
 // Small enough that pending documents are saved on the way, tables are written
-// in pieces and a search probes before it loads. The match side reads it once in
-// the life of a process, so it is the same for every input.
+// in pieces and a search takes many batches and reads. The match side reads it
+// once in the life of a process, so it is the same for every input.
 constexpr char kConfiguration[] = "max_fid_num=2\nmax_ele_num_save=3\nmax_ele_num_load=4\n";
 constexpr uint64_t kCapacity = 4 * 2;
 

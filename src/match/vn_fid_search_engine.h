@@ -147,8 +147,8 @@ class FidIndexSearchEngine {
   std::shared_ptr<const LoadedTables> tables_;  // null when nothing is loaded
 };
 
-// The elements that a batch spans and a read takes, at most. Two at the least:
-// halving what is above the limit must leave something on both sides.
+// The elements that a batch spans and a read takes, at most. A configured 0 or 1
+// acts as 2.
 inline uint32_t FidIndexSearchEngine::loadLimit() const {
   return max_ele_num_load_ < 2 ? 2 : max_ele_num_load_;
 }

@@ -160,6 +160,45 @@ TEST_F(MatchProperty, RangesMessagesPairsCandidatesAndLevelsAreTheTwins) {
   }
 }
 
+// A neighbour that stands in the wrong place rules out elements that the others
+// then are not found in.
+TEST_F(MatchProperty, AnUnsortedQueryIsAnsweredAsByTheSearchWithLargeLoads) {
+  SCOPED_TRACE("TESSERA_SEED=" + std::to_string(seed));
+  int compared = 0;
+  for (int tables = 0; tables < 25; ++tables) {
+    ASSERT_NO_FATAL_FAILURE(makeTable());
+    for (const uint32_t limit : {0u, 3u, 17u, 100u, 209600u}) {
+      SCOPED_TRACE(testing::Message() << "table " << tables << ", limit " << limit);
+      ASSERT_NO_FATAL_FAILURE(loadWithLimit(limit));
+      plain_search::Search plain(limit);
+      makeQuery();
+      for (int swaps = 0; swaps < 3; ++swaps) {
+        std::swap(query[random.below(query.size())], query[random.below(query.size())]);
+        const auto n = static_cast<uint32_t>(query.size());
+        std::vector<uint32_t> bFind(n), st_pos(n), en_pos(n);
+        uint32_t found = 0;
+        log.clear();
+        const int status = engine.SearchSignatures(n, query.data(), &found,
+                                                   {bFind.data(), st_pos.data(), en_pos.data()});
+        if (status == kErrState) continue;  // a batch that ends where it begins
+        ASSERT_EQ(kOk, status);
+        plain_search::Ranges expected(n);
+        plain.messages.clear();
+        ASSERT_EQ(plain.ranges(n, query.data(), &expected), found);
+        ASSERT_EQ(plain.messages, log.messages());
+        ASSERT_EQ(expected.found, bFind);
+        for (uint32_t i = 0; i < n; ++i) {
+          if (bFind[i] == 0) continue;
+          ASSERT_EQ(expected.first[i], st_pos[i]) << "signature " << i;
+          ASSERT_EQ(expected.last[i], en_pos[i]) << "signature " << i;
+        }
+        ++compared;
+      }
+    }
+  }
+  EXPECT_GT(compared, 200);
+}
+
 // Tables of 30,000 elements, whose prefixes and runs outgrow what is read at once.
 class LargeTables : public MatchProperty {
  protected:

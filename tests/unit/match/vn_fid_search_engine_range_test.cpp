@@ -527,8 +527,8 @@ TEST_F(WholeSearch, AFailedStepIsNamedAndLeavesNoFiles) {
   EXPECT_EQ(kErrFile, searchAll({at(2)}));
   EXPECT_EQ((Messages{"open file " + path + " fail", "build_sig_fid_info_tbl fail"}), messages());
   EXPECT_EQ(1u, found_num);
-  // bOut; the stack, elements and in-memory stack, twice for [0, 10) with a limit
-  // of 4; hits; buffer: whatever the number, one of them is that of the counts.
+  // bOut; the stack; what is read and two for what is kept of it; hits; buffer:
+  // whatever the number, one of them is that of the counts.
   bool failed_in_ranking = false;
   for (int n = 1; !failed_in_ranking; ++n) {
     ASSERT_LT(n, 30);
@@ -549,7 +549,7 @@ TEST_F(WholeSearch, AHugeLoadLimitReservesNoMoreThanTheTable) {
     ASSERT_EQ(kOk, searchAll({at(4), at(5), at(40), at(9999)}));
     EXPECT_EQ(2u, found_num);
     EXPECT_EQ(3100 * sizeof(StrongElement), hooked.largestAllocation());
-    EXPECT_TRUE(messages().empty());  // loaded whole: nothing was probed
+    EXPECT_TRUE(messages().empty());
   }
 }
 
@@ -582,6 +582,61 @@ TEST_F(WholeSearch, OnlyLongRunsAreReadTwice) {
   ASSERT_EQ(kOk, searchAll(signatures));
   EXPECT_EQ(4u, found_num);
   EXPECT_EQ(located + 1, point.count());
+}
+
+// Puts elements that nobody reads in front of those of the strong table.
+class LongTable final : public ForwardingSystem {
+ public:
+  explicit LongTable(uint32_t elements) : bytes_(uint64_t{elements} * sizeof(StrongElement)) {}
+
+  std::unique_ptr<platform::File> open(const char* path, platform::OpenMode mode) override {
+    auto file = ForwardingSystem::open(path, mode);
+    if (!file || std::string(path).find(".stbl") == std::string::npos) return file;
+    return std::make_unique<LongFile>(bytes_, std::move(file));
+  }
+
+ private:
+  class LongFile final : public ForwardingFile {
+   public:
+    LongFile(uint64_t bytes, std::unique_ptr<platform::File> file)
+        : ForwardingFile(std::move(file)), bytes_(bytes) {}
+    bool seek(uint64_t offset) override {
+      EXPECT_GE(offset, bytes_);
+      return ForwardingFile::seek(offset - bytes_);
+    }
+    int64_t size() override { return ForwardingFile::size() + static_cast<int64_t>(bytes_); }
+
+   private:
+    const uint64_t bytes_;
+  };
+
+  const uint64_t bytes_;
+};
+
+// 2 GiB are 134217728 elements, the last five of which are here. Runs further on are
+// ranked only together with one that begins before, read already or not.
+TEST_F(WholeSearch, RunsFrom2GiBOnAreFoundButNotRanked) {
+  constexpr uint32_t kBefore = 134217728 - 5;
+  const LongTable long_table(kBefore);
+  plain_tables::Tables tables = plain_tables::make(evenPlaces(10), {1, 1});
+  setRange(&tables.smeta, 0x0000, 0, kBefore);
+  setRange(&tables.smeta, 0x2000, kBefore, kBefore + 10);
+  load(tables, 100);
+  ASSERT_EQ(kOk, searchAll({at(8)}));
+  expectRange(0, 1, kBefore + 4, kBefore + 5);
+  EXPECT_EQ(1u, fid_num);
+  ASSERT_EQ(kOk, searchAll({at(8), at(10), at(18)}));
+  EXPECT_EQ(3u, fid_num);
+
+  const Messages failure = {"fseek strong search table file fail", "build_sig_fid_info_tbl fail"};
+  ASSERT_EQ(kErrFile, searchAll({at(10)}));
+  EXPECT_EQ(1u, found_num);
+  EXPECT_EQ(failure, messages());
+  EXPECT_FALSE(fid_info);
+  load(tables, 4);  // at(8) goes with the next two, at(16) stands by itself
+  ASSERT_EQ(kErrFile, searchAll({at(8), at(10), at(12), at(16)}));
+  EXPECT_EQ(4u, found_num);
+  EXPECT_EQ(failure, messages());
 }
 
 // The second step opens the table anew, and it may be another one by then.
