@@ -147,16 +147,12 @@ bool BlockCollection::isWorthSaving(uint64_t number) const {
 }
 
 bool BlockCollection::saveBlocks(const std::vector<uint64_t>& numbers) {
-  const size_t most = std::max<size_t>(1, kLargestRecord / blockBytes());
   for (size_t i = 0; i < numbers.size();) {
     const uint64_t first = numbers[i++];
     if (!isWorthSaving(first)) continue;
-    // Neighbours make one record.
+    // Neighbours are saved together.
     uint64_t end = first + 1;
-    for (; i < numbers.size() && numbers[i] == end && end - first < most && isWorthSaving(end);
-         ++i) {
-      ++end;
-    }
+    for (; i < numbers.size() && numbers[i] == end && isWorthSaving(end); ++i) ++end;
     if (!files_->saveOld(block_file_, offsetOf(first), (end - first) * blockBytes())) return false;
     for (uint64_t number = first; number < end; ++number) settled_[number] = true;
   }

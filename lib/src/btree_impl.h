@@ -99,14 +99,14 @@ template <typename RecordAt>
 bool BTree<Record, Less>::insertBatchFrom(RecordAt recordAt, size_t count,
                                           std::vector<bool>* refused) {
   refused->assign(count, true);
-  if (!blocks_.writable()) return false;
+  // First, because it may run out of memory.
+  if (!blocks_.writable() || !expectChanges(recordAt, count)) return false;
   size_t next = 0;
   if (count > 0 && blocks_.state().height == 0) {
     if (!plant(recordAt(0))) return false;
     (*refused)[0] = false;
     next = 1;
   }
-  if (!expectChanges(recordAt, count)) return false;
   carried_.clear();
   while (next < count) {
     Path path;

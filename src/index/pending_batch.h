@@ -3,7 +3,7 @@
 //
 // A posting is known by its place among the pending signatures, in the order of
 // addition. Of equal ones the one added first comes first. All memory is taken by
-// the constructor, so that none can run out between two trees.
+// the constructor.
 // Tests: tests/unit/index/pending_batch_test.cpp.
 #pragma once
 

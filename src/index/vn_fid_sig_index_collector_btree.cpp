@@ -206,7 +206,7 @@ int FidSigIndexCollector::SaveFidSignature() try {
                : left < right;
   });
 
-  // All memory is taken before the first tree changes.
+  // All memory but that of the trees is taken before the first of them changes.
   PendingBatch batch(documents, pending_signatures_);
   Refusals fid_sig(batch.size());
   Refusals sig_fid(batch.size());
@@ -265,8 +265,8 @@ int FidSigIndexCollector::DeleteFidSignature(uint32_t fid_offset) {
       [](const FidSigRecord& record, const FidSigRecord& of) { return record.fid > of.fid; },
       &found);
 
-  // All memory is taken before the first tree changes. The sources ascend, as
-  // the found records do.
+  // All memory but that of the trees is taken before the first of them changes. The
+  // sources ascend, as the found records do.
   std::vector<SrcFidRecord> sources;
   std::vector<SigFidRecord> postings;
   postings.reserve(found.size());

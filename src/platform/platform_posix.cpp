@@ -70,8 +70,8 @@ class PosixFile final : public File {
     return ::ftruncate(descriptor_, static_cast<off_t>(size)) == 0;
   }
 
-  // fdatasync leaves out the times of the file only, and with them a commit of the
-  // file system's own journal for what was overwritten in place.
+  // Times and rights reach the disk with a change of the length only: what was
+  // overwritten in place costs no commit of the file system's own journal.
   bool sync() override { return ::fdatasync(descriptor_) == 0; }
 
  private:

@@ -37,7 +37,7 @@ using documents::Random;
 #endif
 
 // A left-out step must be noticed within so many runs. Most take one or two, the
-// rarest a few dozen.
+// rarest two hundred.
 constexpr uint64_t kRunsToNotice = 20000;
 
 const std::string kBaseName = "index/fid_index";

@@ -109,13 +109,13 @@ TEST_F(OutOfMemory, MoreSignaturesThan32BitsCanCountAreRefusedUnasked) {
   expectAsTheModel();
 }
 
-// The first fifteen allocations of a save are its three lists and the four of each
-// tree's batch, before any tree is touched.
+// The first ten allocations of a save are its two lists, the two of the batch and two
+// for the answers of each tree, before any tree is touched.
 TEST_F(OutOfMemory, ASaveWithoutMemoryForItsListsKeepsTheDocumentsPending) {
   const Signatures signatures = documents::signatures(2000, 1);
   ASSERT_EQ(kOk, add(5, signatures));
   model_.add(5, 5, signatures);
-  for (int n = 1; n <= 15; ++n) {
+  for (int n = 1; n <= 10; ++n) {
     allocations_until_failure = n;
     EXPECT_EQ(kErrMem, collector_.SaveFidSignature());
     EXPECT_EQ(0, allocations_until_failure);
@@ -124,6 +124,29 @@ TEST_F(OutOfMemory, ASaveWithoutMemoryForItsListsKeepsTheDocumentsPending) {
   ASSERT_EQ(kOk, collector_.SaveFidSignature());
   EXPECT_TRUE(log_.lines().empty());
   expectAsTheModel();
+}
+
+// Whoever goes on with a valid tree after that must find no part of the batch in it.
+TEST_F(OutOfMemory, ABatchThatThrowsLeavesATreeUnchangedOrInvalid) {
+  TreeStore store("lone", {""}, AccessType::kReadWrite, {});
+  SrcFidTree tree(&store, 0);
+  std::vector<SrcFidRecord> records;
+  for (int32_t i = 0; i < 100; ++i) records.push_back({i, i});
+  int failures = 0;
+  for (int n = 1; tree.size() == 0; ++n) {
+    std::vector<bool> refused;
+    allocations_until_failure = n;
+    try {
+      EXPECT_TRUE(tree.insertBatch(records.data(), records.size(), &refused));
+    } catch (const std::bad_alloc&) {
+      EXPECT_TRUE(tree.size() == 0 || !tree.is_valid()) << n;
+      EXPECT_TRUE(store.rollback());
+      ++failures;
+    }
+    allocations_until_failure = 0;
+  }
+  EXPECT_EQ(records.size(), tree.size());
+  EXPECT_GT(failures, 0);
 }
 
 // Not even a rollback can be relied on then; it is made up for by the next save.
