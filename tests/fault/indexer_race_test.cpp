@@ -3,10 +3,11 @@
 // closed it, or was killed, the other one can have it.
 #include <gtest/gtest.h>
 
-#include <barrier>
+#include <condition_variable>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +28,28 @@
 #include "vn_index_system_btree.h"
 
 namespace {
+
+// Two threads that wait for each other, again and again. std::barrier does the same,
+// but on Windows its waiters are at times not woken.
+class Meeting {
+ public:
+  void wait() {
+    std::unique_lock lock(mutex_);
+    const int meeting = meetings_;
+    if (++waiting_ == 2) {
+      waiting_ = 0;
+      ++meetings_;
+      both_.notify_all();
+    }
+    both_.wait(lock, [&] { return meetings_ != meeting; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable both_;
+  int waiting_ = 0;
+  int meetings_ = 0;
+};
 
 namespace fs = std::filesystem;
 
@@ -109,7 +132,7 @@ TEST(IndexerRace, OneOfTwoStoresOfAProcessGetsTheFilesEveryTime) {
   story::QuickSystem quick(kBlockBytes);
   const int rounds = static_cast<int>(1000 / story::stride(1, 2, 5, 10));
   std::unique_ptr<TreeStore> stores[2];
-  std::barrier opening(2), opened(2), closed(2);
+  Meeting opening, opened, closed;
   const auto open = [&](size_t number) {
     stores[number] = std::make_unique<TreeStore>(
         "trees", std::vector<std::string>{".a", ".b", ".c"}, AccessType::kReadWrite, BTreeParams());
@@ -117,9 +140,9 @@ TEST(IndexerRace, OneOfTwoStoresOfAProcessGetsTheFilesEveryTime) {
   int failures = 0;
   const auto race = [&](size_t number) {
     for (int round = 0; round < rounds; ++round) {
-      opening.arrive_and_wait();
+      opening.wait();
       open(number);
-      opened.arrive_and_wait();
+      opened.wait();
       if (number == 0) {
         const size_t winner = stores[0]->valid() ? 0 : 1;
         if (!stores[winner]->valid() || stores[1 - winner]->valid()) ++failures;
@@ -128,7 +151,7 @@ TEST(IndexerRace, OneOfTwoStoresOfAProcessGetsTheFilesEveryTime) {
         if (!stores[1 - winner]->valid()) ++failures;
         stores[1 - winner].reset();
       }
-      closed.arrive_and_wait();
+      closed.wait();
     }
   };
   std::thread other(race, 1);
