@@ -11,6 +11,7 @@
 #include "btree.h"
 #include "documents.h"
 #include "match_twin.h"
+#include "signature.h"
 #include "tessera.h"
 #include "tree_records.h"
 #include "vn_index_system_btree.h"
@@ -38,12 +39,6 @@ constexpr uint32_t kLevel = 3;
 constexpr Signature kRootSignature = {{255, 255, 255, 255, 255, 255, 255, 255}};
 
 int32_t fidOf(int64_t file_id) { return static_cast<int32_t>(file_id - kBase); }
-
-Signature signatureOf(uint64_t key) {
-  Signature signature;
-  for (int i = 7; i >= 0; --i, key >>= 8) signature.bytes[i] = static_cast<unsigned char>(key);
-  return signature;
-}
 
 unsigned char (*exported(const std::vector<Signature>& signatures))[8] {
   return reinterpret_cast<unsigned char(*)[8]>(const_cast<Signature*>(signatures.data()));
