@@ -39,7 +39,7 @@ def row_by_row(program, count, pattern="."):
 FAMILIES = {
     "generation": [in_one_process("text_signatures", *SHORT)],
     "match": [in_one_process("match_search", *SHORT)],
-    "store": [row_by_row("store_load", 3, "/1M/"), row_by_row("store_load", 1, "/5M/")],
+    "store": [row_by_row("store_load", 3, "/1M/"), row_by_row("store_load", 3, "/5M/")],
     "whole": [in_one_process("whole_library", "--benchmark_repetitions=3", *TURNS)],
 }
 

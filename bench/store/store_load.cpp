@@ -12,8 +12,6 @@
 // run one row in a process: --benchmark_filter=^NAME$), disk_MiB that the store
 // takes without the tables, and disk_ratio of that to the bare records.
 //
-// Rows that take a minute and more are there only with TESSERA_BENCH_SLOW set.
-//
 //   cmake --preset linux-release -DTESSERA_BENCH=ON && cmake --build --preset linux-release
 //   build/linux-release/bench/store_load --benchmark_filter='^load/1M/tessera$'
 #include <benchmark/benchmark.h>
@@ -196,30 +194,24 @@ void addRow(const std::string& name, OpenStore open, bool durable, uint32_t stor
 }
 
 void addRows() {
-  const bool slow = std::getenv("TESSERA_BENCH_SLOW") != nullptr;
   struct Size {
     const char* name;
     uint32_t documents;
-    bool large;
   };
   struct Peer {
     const char* name;
     OpenStore open;
-    bool slow_when_large;
   };
-  for (const Size& size : {Size{"1M", 10000, false}, Size{"5M", 50000, true}}) {
+  for (const Size& size : {Size{"1M", 10000}, Size{"5M", 50000}}) {
     const std::string of_size = std::string(size.name) + "/";
     for (const Peer& peer :
-         {Peer{"tessera", openTessera, false}, Peer{"lmdb_sorted", openLmdbSorted, false},
-          Peer{"lmdb_arrival", openLmdbArrival, true}, Peer{"rocksdb", openRocksDb, false},
-          Peer{"leveldb", openLevelDb, false}, Peer{"sqlite", openSqlite, true},
-          Peer{"limit", openLimit, false}}) {
-      if (size.large && peer.slow_when_large && !slow) continue;
+         {Peer{"tessera", openTessera}, Peer{"lmdb_sorted", openLmdbSorted},
+          Peer{"lmdb_arrival", openLmdbArrival}, Peer{"rocksdb", openRocksDb},
+          Peer{"leveldb", openLevelDb}, Peer{"sqlite", openSqlite}, Peer{"limit", openLimit}}) {
       addRow("load/" + of_size + peer.name, peer.open, true, 0, size.documents);
       addRow("load/" + of_size + peer.name + "_nosync", peer.open, false, 0, size.documents);
     }
-    for (const Peer& peer :
-         {Peer{"tessera", openTessera, false}, Peer{"lmdb_sorted", openLmdbSorted, false}}) {
+    for (const Peer& peer : {Peer{"tessera", openTessera}, Peer{"lmdb_sorted", openLmdbSorted}}) {
       addRow("add/" + of_size + peer.name, peer.open, true, size.documents, kDocumentsAdded);
     }
   }
