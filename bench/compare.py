@@ -9,13 +9,13 @@ as it stands.
 """
 
 import argparse
-import os
 import statistics
 import subprocess
 import sys
 from pathlib import Path
 
-import rounds
+sys.dont_write_bytecode = True  # nothing is left beside the sources
+import rounds  # noqa: E402
 
 ROOT = Path(__file__).resolve().parent.parent
 
@@ -76,12 +76,12 @@ def main():
         ratios = sorted(o / n for o, n in zip(old[row]["seconds"], new[row]["seconds"]) if n > 0)
         if not ratios:
             continue
-        print(f"{row:<44} {rounds.median(old, row) * 1e6:>9.1f} us {rounds.median(new, row) * 1e6:>9.1f} us "
-              f"{statistics.median(ratios):>7.2f}  {ratios[0]:.2f} to {ratios[-1]:.2f}")
+        medians = (f"{rounds.median(side, row) * 1e6:>9.1f} us" for side in (old, new))
+        print(f"{row:<44} {' '.join(medians)} {statistics.median(ratios):>7.2f}  "
+              f"{ratios[0]:.2f} to {ratios[-1]:.2f}")
 
 
 if __name__ == "__main__":
-    os.environ.setdefault("PYTHONDONTWRITEBYTECODE", "1")
     try:
         main()
     except rounds.BenchmarkError as error:
