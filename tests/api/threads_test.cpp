@@ -14,7 +14,11 @@ namespace {
 
 constexpr int kThreads = 8;
 
-class Threads : public LibraryTest {};
+class Threads : public LibraryTest {
+ protected:
+  // Makes an index and loads its tables; the model learns the same documents.
+  void loadSixtyDocuments(IndexModel* model);
+};
 
 // Runs work(0) to work(kThreads - 1) side by side.
 void together(const std::function<void(int)>& work) {
@@ -108,18 +112,22 @@ TEST_F(Threads, OneOfManyOpensTheIndex) {
   EXPECT_EQ(1, closed);
 }
 
-TEST_F(Threads, SearchTheSameTables) {
+void Threads::loadSixtyDocuments(IndexModel* model) {
   configure();
-  IndexModel model;
-  model.open();
+  model->open();
   ASSERT_EQ(0, InitIndexSystem());
   for (int i = 0; i < 60; ++i) {
-    model.add(i, some(i % 20));
+    model->add(i, some(i % 20));
     ASSERT_EQ(0, addDocument(i, some(i % 20)));
   }
-  model.close();
+  model->close();
   ASSERT_EQ(0, ExitIndexSystem());
   ASSERT_EQ(0, InitMatchSystem());
+}
+
+TEST_F(Threads, SearchTheSameTables) {
+  IndexModel model;
+  ASSERT_NO_FATAL_FAILURE(loadSixtyDocuments(&model));
   together([&](int thread) {
     for (int i = 0; i < 30; ++i) {
       const Signatures query = some((i + thread) % 25);  // five of them are nobody's
@@ -135,17 +143,8 @@ TEST_F(Threads, SearchBesideReloads) {
   const char* const text = std::getenv("TESSERA_THREAD_SECONDS");
   const auto end = std::chrono::steady_clock::now() +
                    std::chrono::seconds(text != nullptr ? std::atoi(text) : 2);
-  configure();
   IndexModel model;
-  model.open();
-  ASSERT_EQ(0, InitIndexSystem());
-  for (int i = 0; i < 60; ++i) {
-    model.add(i, some(i % 20));
-    ASSERT_EQ(0, addDocument(i, some(i % 20)));
-  }
-  model.close();
-  ASSERT_EQ(0, ExitIndexSystem());
-  ASSERT_EQ(0, InitMatchSystem());
+  ASSERT_NO_FATAL_FAILURE(loadSixtyDocuments(&model));
   std::vector<Matches> expected;
   for (int i = 0; i < 25; ++i) expected.push_back(model.match(some(i), 1));
 
