@@ -190,8 +190,9 @@ void printSummary(size_t files, const Counts& counts) {
 
 }  // namespace
 
-int indexCommand(const fs::path& home, const std::vector<std::string>& paths) {
-  FoundFiles found = findFiles(paths, home);
+int indexCommand(const CommonOptions& common, const IndexOptions& options) {
+  const fs::path& home = common.home;
+  FoundFiles found = findFiles(options.files.paths, home);
   for (const std::string& problem : found.problems) complain(problem);
   if (found.files.empty() && !found.problems.empty()) return kFailed;  // not worth a home
 

@@ -92,27 +92,27 @@ int run(int argc, char** argv) {
   app.failure_message(usageError);
 
   std::string home_option;
-  std::vector<std::string> paths;
-  std::string file;
-  int min_level = 1;
+  tool::IndexOptions index_options;
+  tool::MatchOptions match_options;
+  tool::SigOptions sig_options;
 
   CLI::App* index = app.add_subcommand("index", "Add files to the index, or renew them");
-  index->add_option("PATH", paths, "Files, and directories with all below them")
+  index->add_option("PATH", index_options.files.paths, "Files, and directories with all below them")
       ->required()
       ->type_name("");
   index->footer(kIndexHelp);
 
   CLI::App* match = app.add_subcommand("match", "Tell which documents of the index a file matches");
-  match->add_option("FILE", paths, "Texts to be compared with the index")
+  match->add_option("FILE", match_options.files.paths, "Texts to be compared with the index")
       ->required()
       ->type_name("");
-  match->add_option("--min-level", min_level, "The lowest level that is told (1)")
+  match->add_option("--min-level", match_options.min_level, "The lowest level that is told (1)")
       ->check(CLI::IsMember({0, 1, 2}).description(""))
       ->type_name("0|1|2");
   match->footer(kMatchHelp);
 
   CLI::App* sig = app.add_subcommand("sig", "Print the signatures of a file");
-  sig->add_option("FILE", file, "The text")->required()->type_name("");
+  sig->add_option("FILE", sig_options.files, "The text")->required()->type_name("");
   sig->footer(kSigHelp);
 
   for (CLI::App* with_home : {&app, index, match, sig}) {
@@ -129,10 +129,10 @@ int run(int argc, char** argv) {
     return app.exit(outcome) == 0 ? tool::kDone : tool::kFailed;  // 0 is --help and --version
   }
 
-  const std::filesystem::path home = tool::homePath(home_option);
-  if (index->parsed()) return tool::indexCommand(home, paths);
-  if (match->parsed()) return tool::matchCommand(home, paths, min_level);
-  return tool::sigCommand(home, file);
+  const tool::CommonOptions common = {.home = tool::homePath(home_option)};
+  if (index->parsed()) return tool::indexCommand(common, index_options);
+  if (match->parsed()) return tool::matchCommand(common, match_options);
+  return tool::sigCommand(common, sig_options);
 }
 
 }  // namespace

@@ -36,7 +36,9 @@ class Names {
 
 }  // namespace
 
-int matchCommand(const fs::path& home, const std::vector<std::string>& files, int min_level) {
+int matchCommand(const CommonOptions& common, const MatchOptions& options) {
+  const fs::path& home = common.home;
+  const std::vector<std::string>& files = options.files.paths;
   std::vector<fs::path> paths;  // absolute, for the current directory changes
   for (const std::string& file : files) paths.push_back(fs::absolute(file));
 
@@ -77,7 +79,7 @@ int matchCommand(const fs::path& home, const std::vector<std::string>& files, in
     }
     bool found = false;
     for (const Match& match : session.match(&signatures, content.size())) {
-      if (match.level < min_level) continue;
+      if (match.level < options.min_level) continue;
       fmt::print("  level {}  {}\n", match.level, names(match.file_id));
       found = true;
     }

@@ -7,11 +7,10 @@
 #include "home.h"
 #include "library.h"
 
-namespace fs = std::filesystem;
-
 namespace tool {
 
-int sigCommand(const fs::path& home, const std::string& file) {
+int sigCommand(const CommonOptions& common, const SigOptions& options) {
+  const std::string& file = options.files.front();
   std::string content;
   std::string reason;
   const ReadOutcome outcome = readDocument(file, &content, &reason);
@@ -20,7 +19,7 @@ int sigCommand(const fs::path& home, const std::string& file) {
     throw Failure(fmt::format("cannot read {}: {}", file, reason));
   }
 
-  const ScratchHome scratch(home);
+  const ScratchHome scratch(common.home);
   const SignatureList signatures = Generator().signatures(&content);
   if (signatures.empty()) complain(fmt::format("note: {} is too short for a signature", file));
   for (const Signature& signature : signatures) {

@@ -1,0 +1,75 @@
+// Inside an extractor: opens one document and everything in it.
+//
+//   bytes --contentType--> a parser --text, members--> parts
+//
+// extract() tells the type by content and calls the parser for it, which hands what it
+// finds to a Document: pieces of text, and members, which are opened in turn. Every
+// parser is given hostile bytes; none trusts a length, an offset or a count in them,
+// and what it allocates follows from bytes that are there or is counted against the
+// limits.
+// Tests: tests/tool/extraction_test.cpp and tests/tool/formats_test.py.
+#pragma once
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "limits.h"
+#include "part.h"
+
+namespace tool {
+
+// Ends the parsing of a document. What it said before still counts.
+class NotInspected : public std::runtime_error {
+ public:
+  NotInspected(Reason reason, const std::string& detail)
+      : std::runtime_error(detail), reason(reason) {}
+
+  const Reason reason;
+};
+
+// One document being parsed. All of it may throw NotInspected when a limit is reached:
+// parsers let it pass.
+class Document {
+ public:
+  // Text of the document in reading order, UTF-8. A piece ends where it ends: the
+  // parser says where words and paragraphs do ("\n").
+  virtual void text(std::string_view utf8) = 0;
+
+  // Text in an encoding that is declared (a charset label) or, when empty, found out.
+  virtual void encodedText(std::string_view bytes, std::string_view declared) = 0;
+
+  // A document inside this one: opened before this returns, and after that gone.
+  // `charset`: declared outside of it, or empty.
+  virtual void member(std::string_view name, std::string_view content,
+                      std::string_view charset = {}) = 0;
+
+  // A member that is there but cannot be got at (encrypted, damaged, too large).
+  virtual void lostMember(std::string_view name, Reason reason, const std::string& detail) = 0;
+
+  // To be asked for before `bytes` are expanded from a compressed form: against the
+  // limits of a member, of all members, and of the ratio to `compressed` bytes (0:
+  // unknown). Counts nothing; member() does.
+  virtual void expectMember(uint64_t bytes, uint64_t compressed) = 0;
+
+  // Largest content that member() takes now; an expander stops one byte after it.
+  virtual uint64_t memberRoom() const = 0;
+
+  virtual const Limits& limits() const = 0;
+
+ protected:
+  ~Document() = default;
+};
+
+// A parser of one format. Throws NotInspected, or hands out what it finds; an archive
+// calls member() only, and is then a container.
+using Parser = void (*)(std::string_view content, Document& document);
+
+// Opens `content`, whose file is called `name` (its base name; used only to name the
+// one member of a compressed file), and everything in it. `deliver` takes each part,
+// a container before its members. Throws std::bad_alloc, nothing else.
+void extract(std::string_view content, std::string_view name, const Limits& limits,
+             const std::function<void(Part&&)>& deliver);
+
+}  // namespace tool
