@@ -64,8 +64,8 @@ TESSERA_API int GenerateSignature4Text(char* content, int length, unsigned char 
 /* The one signature of a content that is not text: four sampled byte sums and
  * the length modulo 65536. Arguments, ownership, errors and threads are those
  * of GenerateSignature4Text(). */
-TESSERA_API int GenerateSignature4Binary(char* content, int length, unsigned char (**signatures)[8],
-                                         int* count);
+TESSERA_API int GenerateSignature4Binary(char* content, int length,
+                                         unsigned char (**signatures)[8], int* count);
 
 /* Bounds the normalised text that GenerateSignature4Text() looks at.
  *
