@@ -100,13 +100,14 @@ struct ExportOptions {
 };
 
 struct SigOptions {
-  std::vector<std::string> files;
+  std::vector<std::string> files;  // "-" is standard input
   InspectOptions inspect;
   Selection selection = Selection::kFull;
+  bool json = false;
 };
 
 struct TextOptions {
-  std::string file;
+  std::string file;  // "-" is standard input
   InspectOptions inspect;
 };
 
