@@ -26,8 +26,8 @@ class Names {
   }
 
   std::string operator()(int64_t file_id) const {
-    const std::optional<fs::path> name = catalogue_ ? catalogue_->name(file_id) : std::nullopt;
-    return name ? name->string() : fmt::format("unknown document #{}", file_id);
+    const auto document = catalogue_ ? catalogue_->document(file_id) : std::nullopt;
+    return document ? document->name() : fmt::format("unknown document #{}", file_id);
   }
 
  private:
@@ -49,11 +49,6 @@ int matchCommand(const CommonOptions& common, const MatchOptions& options) {
                     "--home DIR or TESSERA_HOME.",
                     home.string()));
   }
-  std::optional<Generator> generator;
-  {
-    const ScratchHome scratch(home);
-    generator.emplace();
-  }
   enterHome(home);
   const DirectoryLock tables(kIndexName, DirectoryLock::Kind::kShared);
   const Names names;
@@ -71,7 +66,7 @@ int matchCommand(const CommonOptions& common, const MatchOptions& options) {
       failed = true;
       continue;
     }
-    SignatureList signatures = generator->signatures(&content);
+    SignatureList signatures = textSignatures(content);
     fmt::print("{}\n", files[i]);
     if (signatures.empty()) {
       fmt::print("  too short to be matched\n");

@@ -20,7 +20,7 @@ int sigCommand(const CommonOptions& common, const SigOptions& options) {
   }
 
   const ScratchHome scratch(common.home);
-  const SignatureList signatures = Generator().signatures(&content);
+  const SignatureList signatures = textSignatures(content);
   if (signatures.empty()) complain(fmt::format("note: {} is too short for a signature", file));
   for (const Signature& signature : signatures) {
     fmt::print("{:02x}\n", fmt::join(signature, ""));
