@@ -86,7 +86,7 @@ class Run {
   std::vector<Arrival> batch_;
   std::vector<int64_t> departures_;
   Counts counts_;
-  Progress progress_;
+  Progress progress_{ProgressStyle::kAuto};
 };
 
 std::vector<fs::path> Run::takeOver() {
