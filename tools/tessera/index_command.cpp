@@ -3,10 +3,10 @@
 #include <fmt/format.h>
 
 #include "commands.h"
-#include "documents.h"
 #include "failure.h"
 #include "index_run.h"
 #include "interrupt.h"
+#include "walk.h"
 
 namespace fs = std::filesystem;
 
@@ -27,9 +27,10 @@ void printSummary(const IndexCounts& counts) {
 }  // namespace
 
 int indexCommand(const CommonOptions& common, const IndexOptions& options) {
-  // Taken before the current directory changes.
-  const std::vector<std::string> named = cataloguedPaths(options.files.paths);
-  const FoundFiles found = findFiles(options.files.paths, common.home);
+  // Both before the current directory changes.
+  std::vector<std::string> named = cataloguedPaths(options.files.paths);
+  const FoundFiles found = findFiles(options.files, common.home);
+  for (const fs::path& directory : found.directories) named.push_back(directory.native());
   for (const std::string& problem : found.problems) complain(problem);
   const bool nothing_found = found.files.empty() && !found.problems.empty();
   if (nothing_found && !options.prune) return kFailed;  // not worth a home
@@ -41,7 +42,7 @@ int indexCommand(const CommonOptions& common, const IndexOptions& options) {
                     "it was cut off or the index removed; this is made good now",
                     store.leftBehind()));
   }
-  IndexRun run(options, &store);
+  IndexRun run(common, options, &store);
   finishOnInterrupt();
   run.index(found.files);
   if (options.prune) run.prune(named);

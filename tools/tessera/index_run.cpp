@@ -54,15 +54,16 @@ std::string notInspected(const std::string& path, const Verdict& verdict) {
 
 }  // namespace
 
-IndexRun::IndexRun(const IndexOptions& options, Store* store)
+IndexRun::IndexRun(const CommonOptions& common, const IndexOptions& options, Store* store)
     : store_(store),
       jobs_(options.inspect.jobs ? options.inspect.jobs : processors()),
-      opener_({options.inspect.limits, options.selection, options.label}) {}
+      opener_({options.inspect.limits, options.selection, options.label}),
+      progress_(common.progress) {}
 
-void IndexRun::index(const std::vector<fs::path>& files) {
+void IndexRun::index(const std::vector<FoundFile>& files) {
   const auto known = [this](const std::string& path) { return store_->catalogue().file(path); };
   const size_t done = inOrder<OpenedFile>(
-      files.size(), jobs_, [&](size_t i) { return opener_.open(files[i].native(), known); },
+      files.size(), jobs_, [&](size_t i) { return opener_.open(files[i].path.native(), known); },
       [&](size_t i, OpenedFile&& opened) {
         progress_.count("Indexing", i + 1, files.size());
         take(std::move(opened));

@@ -6,7 +6,6 @@
 #pragma once
 
 #include <cstddef>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,6 +14,7 @@
 #include "opened_file.h"
 #include "progress.h"
 #include "store.h"
+#include "walk.h"
 
 namespace tool {
 
@@ -31,11 +31,11 @@ struct IndexCounts {
 
 class IndexRun {
  public:
-  IndexRun(const IndexOptions& options, Store* store);
+  IndexRun(const CommonOptions& common, const IndexOptions& options, Store* store);
 
   // Complains about what cannot be indexed or inspected. Ends early when the user
   // interrupts.
-  void index(const std::vector<std::filesystem::path>& files);
+  void index(const std::vector<FoundFile>& files);
 
   // The documents of files that are no longer there leave: all that were at or below
   // these paths.
