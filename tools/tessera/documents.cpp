@@ -20,29 +20,6 @@ namespace {
 
 constexpr size_t kFirstBytes = 8192;  // where a file shows whether it is text
 
-void findBelow(const fs::path& directory, const fs::path& excluded, FoundFiles* found) {
-  if (directory == excluded) return;
-  std::error_code error;
-  for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
-       entry.increment(error)) {
-    std::error_code ignored;  // what has no type has gone in the meantime
-    switch (entry->symlink_status(ignored).type()) {
-      case fs::file_type::directory:
-        findBelow(entry->path(), excluded, found);
-        break;
-      case fs::file_type::regular:
-        found->files.push_back(entry->path());
-        break;
-      default:
-        break;
-    }
-  }
-  if (error) {
-    found->problems.push_back(
-        fmt::format("cannot list {}: {}", directory.string(), error.message()));
-  }
-}
-
 struct GzipCloser {
   void operator()(gzFile file) const { gzclose_r(file); }
 };
@@ -83,28 +60,6 @@ const char* readError(gzFile file) {
 }
 
 }  // namespace
-
-FoundFiles findFiles(const std::vector<std::string>& paths, const fs::path& excluded) {
-  FoundFiles found;
-  for (const std::string& name : paths) {
-    std::error_code error;
-    const fs::path path = fs::canonical(name, error);
-    const fs::file_type type = error ? fs::file_type::none : fs::status(path, error).type();
-    if (error) {
-      found.problems.push_back(fmt::format("cannot read {}: {}", name, error.message()));
-    } else if (type == fs::file_type::directory) {
-      findBelow(path, excluded, &found);
-    } else if (type == fs::file_type::regular) {
-      found.files.push_back(path);
-    } else {
-      found.problems.push_back(
-          fmt::format("cannot read {}: neither a regular file nor a directory", name));
-    }
-  }
-  std::sort(found.files.begin(), found.files.end());
-  found.files.erase(std::unique(found.files.begin(), found.files.end()), found.files.end());
-  return found;
-}
 
 ReadOutcome readDocument(const fs::path& path, std::string* content, std::string* reason) {
   content->clear();

@@ -1,4 +1,4 @@
-// Finding and reading the files to be indexed or matched.
+// Reading the files to be matched.
 //
 // A document is a file of plain text, gzip-compressed or not; it is the
 // decompressed content that counts. Names are taken as bytes: a file name that
@@ -8,19 +8,8 @@
 #include <cstddef>
 #include <filesystem>
 #include <string>
-#include <vector>
 
 namespace tool {
-
-struct FoundFiles {
-  std::vector<std::filesystem::path> files;  // absolute, links resolved, sorted, each once
-  std::vector<std::string> problems;         // messages for the user
-};
-
-// The regular files at and below `paths`. Links are followed when they are
-// named in `paths`, not when they turn up below a directory; nothing below
-// `excluded`, an absolute path, is looked at.
-FoundFiles findFiles(const std::vector<std::string>& paths, const std::filesystem::path& excluded);
 
 enum class ReadOutcome {
   kText,
