@@ -98,6 +98,14 @@ std::string ArchiveReader::read(const Document& document) {
   }
 }
 
+std::string ArchiveReader::readBeginning(size_t bytes) {
+  std::string content(bytes, '\0');
+  const la_ssize_t got = archive_read_data(archive_.get(), content.data(), bytes);
+  if (got < 0) fail();
+  content.resize(static_cast<size_t>(got));
+  return content;
+}
+
 void ArchiveReader::skip(const Document& document) {
   const int format = archive_format(archive_.get()) & ARCHIVE_FORMAT_BASE_MASK;
   if (format == ARCHIVE_FORMAT_ZIP) return;  // next() goes straight to the next entry

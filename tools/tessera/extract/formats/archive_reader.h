@@ -40,6 +40,9 @@ class ArchiveReader {
   // beyond a limit; next() may go on all the same.
   std::string read(const Document& document);
 
+  // At most `bytes` of it.
+  std::string readBeginning(size_t bytes);
+
   // Gets past an entry that is not read. What cannot be skipped without expanding it
   // is held to the ratio limit.
   void skip(const Document& document);
