@@ -26,6 +26,11 @@ void support(archive* reader, ArchiveReader::Kind kind) {
       archive_read_support_format_7zip(reader);
       return;
     case ArchiveReader::Kind::kTarOrCompressed:
+      archive_read_support_format_tar(reader);
+      // What stands behind the end of a tar may be another one.
+      archive_read_set_format_option(reader, "tar", "read_concatenated_archives", "1");
+      [[fallthrough]];
+    case ArchiveReader::Kind::kCompressed:
       archive_read_support_filter_gzip(reader);
       archive_read_support_filter_bzip2(reader);
       archive_read_support_filter_xz(reader);
@@ -33,7 +38,6 @@ void support(archive* reader, ArchiveReader::Kind kind) {
       archive_read_support_filter_lzip(reader);
       archive_read_support_filter_compress(reader);
       archive_read_support_filter_zstd(reader);
-      archive_read_support_format_tar(reader);
       archive_read_support_format_raw(reader);
       archive_read_support_format_empty(reader);
       return;
@@ -118,7 +122,7 @@ void ArchiveReader::skip(const Document& document) {
     if (size == 0) return;
     expanded += size;
     if (beyondRatio(document.limits(), expanded, consumed())) {
-      throw NotInspected(Reason::kRatioLimit, "");
+      throw NotInspected(Reason::kRatioLimit, "what follows cannot be reached within the limits");
     }
     document.checkTime();
   }

@@ -20,6 +20,7 @@ class ArchiveReader {
     kZip,
     kSevenZip,
     kTarOrCompressed,  // a tar, compressed or not, or one compressed file
+    kCompressed,       // one compressed file, even if it looks like a tar
   };
 
   // `content` outlives the reader.
