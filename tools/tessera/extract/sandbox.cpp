@@ -192,7 +192,7 @@ void confineDocument(const Limits& limits, uint64_t file_bytes) {
   rusage used;
   if (getrusage(RUSAGE_SELF, &used) != 0) fail("getrusage");
   const auto seconds = static_cast<rlim_t>(used.ru_utime.tv_sec + used.ru_stime.tv_sec);
-  limit(RLIMIT_CPU, seconds + limits.seconds + 2, RLIM_INFINITY);
+  limit(RLIMIT_CPU, seconds + limits.seconds + 1, RLIM_INFINITY);
   // Files in memory, which helper programs read: the document or a member.
   limit(RLIMIT_FSIZE, std::max<rlim_t>(file_bytes, limits.total_bytes), RLIM_INFINITY);
   // The file is mapped; the libraries, too.
