@@ -43,6 +43,7 @@ int dispatch(const std::string& verb, const Options& options) {
   if (verb == "rebuild") return rebuildCommand(common, options.rebuild);
   if (verb == "export") return exportCommand(common, options.export_);
   if (verb == "common") return commonCommand(common, options.common);
+  if (verb == "watch") return watchCommand(common, options.watch);
   throw Failure(fmt::format("'{}' is not there yet", verb));
 }
 
