@@ -4,12 +4,13 @@ import fcntl
 import os
 import random
 import re
+import resource
 import signal
 import subprocess
 import unittest
 import zipfile
 
-from support import DONE, FAILED, MATCHED, NOT_INSPECTED, ToolTest, text, wait_for
+from support import DONE, FAILED, MATCHED, NOT_INSPECTED, TESSERA, ToolTest, text, wait_for
 
 HOLD_INDEX = os.path.abspath(os.environ["HOLD_INDEX"])
 
@@ -369,6 +370,36 @@ class IndexTest(ToolTest):
         _, err = self.run_tool("index", "--prune", document, status=FAILED)
         self.assertIn("No such file or directory", err)
         self.assertEqual([], self.rows())
+
+    # Disks and settings that do not do their part.
+
+    def limit_files(self, size):
+        """What stands between fork and exec: no file grows beyond this size."""
+
+        def limit():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
+
+        return limit
+
+    def test_full_disk_is_told_and_the_next_run_makes_it_good(self):
+        kept = self.write("kept.txt", text(0))
+        self.index()
+        documents = [self.write(f"{seed}.txt", text(seed)) for seed in range(1, 30)]
+        for size in (10_000, 60_000, 140_000, 300_000):  # of the log, of trees, of tables
+            done = subprocess.run(
+                [TESSERA, "index", self.docs],
+                env=self.environment(),
+                capture_output=True,
+                text=True,
+                preexec_fn=self.limit_files(size),
+            )
+            self.assertEqual(FAILED, done.returncode, (size, done))
+            self.assertRegex(done.stderr, "^tessera: ")
+        self.assertEqual(DONE, self.run_tool("index", self.docs, status=DONE) and DONE)
+        self.run_tool("verify", status=DONE)
+        for document in (kept, *documents):
+            self.assertEqual([(2, str(document))], self.matches(document))
 
     # Many files at once.
 
