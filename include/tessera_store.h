@@ -17,10 +17,10 @@ extern "C" {
 enum {
   TESSERA_STORE_OK = 0,     /* done; of a verification: nothing is damaged */
   TESSERA_STORE_FAILED = 1, /* the configuration file cannot be read, memory ran out, or a
-                               file cannot be written */
+                               file cannot be written, read or had: a rebuild beside a
+                               verification, too */
   TESSERA_STORE_IN_USE = 2, /* a session, here or in another process, has the index open for
-                               writing, or is verifying what was to be rebuilt; nothing was
-                               looked at or changed */
+                               writing; nothing was looked at or changed */
   TESSERA_STORE_DAMAGED = 3 /* a verification found an error; a rebuild has no whole source */
 };
 
@@ -94,7 +94,8 @@ int tessera_verify_index(tessera_finding_sink sink, void* context, tessera_index
  *
  * Not to be called beside InitIndexSystem() in the same process. A kill leaves
  * tables that are refused or stale: call it again. Returns TESSERA_STORE_OK;
- * DAMAGED when the trees are missing or not whole, IN_USE or FAILED. */
+ * DAMAGED when the trees are missing or not whole, or the meta data is nowhere;
+ * IN_USE or FAILED. */
 int tessera_rebuild_tables(void);
 
 /* Where tessera_rebuild_trees() takes the postings from. */

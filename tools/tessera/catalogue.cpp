@@ -2,8 +2,10 @@
 
 #include <fmt/format.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <string_view>
 
@@ -78,6 +80,16 @@ Reason reasonOf(std::string_view name) {
     if (reasonName(static_cast<Reason>(i)) == name) return static_cast<Reason>(i);
   }
   return Reason::kUnsupported;  // a later version's
+}
+
+// A path as a URI has it.
+std::string escaped(const std::string& path) {
+  std::string uri;
+  for (const unsigned char byte : path) {
+    const bool plain = std::isalnum(byte) || byte == '/' || byte == '.' || byte == '-';
+    uri += plain ? std::string(1, static_cast<char>(byte)) : fmt::format("%{:02x}", byte);
+  }
+  return uri;
 }
 
 // The paths of a directory stand together: between "DIR/" and "DIR0", the next byte.
@@ -201,9 +213,9 @@ class Catalogue::Transaction {
   bool committed_ = false;
 };
 
-Catalogue::Catalogue(const fs::path& file, Access access) : name_(file.string()) {
+Catalogue::Catalogue(const fs::path& file, Access access) : name_(fs::absolute(file).string()) {
   try {
-    open(file, access);
+    open(name_, access);
     prepareSchema();
     checkTextForm();
   } catch (...) {
@@ -215,13 +227,15 @@ Catalogue::Catalogue(const fs::path& file, Access access) : name_(file.string())
 Catalogue::~Catalogue() { sqlite3_close(database_); }
 
 // Readers, too, open for writing if they may: the last to leave folds the log into the
-// database, and leaves no files beside it. Who may not write at all reads what is there.
+// database, and leaves no files beside it. Who may not write there could not even make
+// the files that readers share, so when nobody has made them, the database is at rest.
 void Catalogue::open(const fs::path& file, Access access) {
   const int create = access == Access::kWrite ? SQLITE_OPEN_CREATE : 0;
-  if (sqlite3_open_v2(file.c_str(), &database_, SQLITE_OPEN_READWRITE | create, nullptr) !=
-      SQLITE_OK) {
-    fail();
-  }
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI | create;
+  const bool frozen = access == Access::kRead && ::access(file.parent_path().c_str(), W_OK) != 0 &&
+                      !fs::exists(file.string() + "-wal");
+  const std::string uri = "file:" + escaped(file.string()) + (frozen ? "?immutable=1" : "");
+  if (sqlite3_open_v2(uri.c_str(), &database_, flags, nullptr) != SQLITE_OK) fail();
   sqlite3_busy_timeout(database_, kBusyMilliseconds);
   if (access == Access::kWrite) {
     execute("PRAGMA journal_mode = WAL");
@@ -444,26 +458,31 @@ std::vector<Arrival> Catalogue::announce(const std::vector<FileChange>& changes)
   return arrivals;
 }
 
-size_t Catalogue::announceRemoval(const std::string& path) {
+size_t Catalogue::announceRemoval(const std::vector<std::string>& paths) {
+  size_t leaving = 0;
   Transaction transaction(*this);
-  Statement(*this, "DELETE FROM verdicts WHERE path = ?").bytes(path).step();
-  Statement(*this, "DELETE FROM files WHERE path = ?").bytes(path).step();
-  Statement(*this, "UPDATE documents SET state = 2 WHERE path = ? AND state != 2")
-      .bytes(path)
-      .step();
-  const auto leaving = static_cast<size_t>(sqlite3_changes64(database_));
+  for (const std::string& path : paths) {
+    Statement(*this, "DELETE FROM verdicts WHERE path = ?").bytes(path).step();
+    Statement(*this, "DELETE FROM files WHERE path = ?").bytes(path).step();
+    Statement(*this, "UPDATE documents SET state = 2 WHERE path = ? AND state != 2")
+        .bytes(path)
+        .step();
+    leaving += static_cast<size_t>(sqlite3_changes64(database_));
+  }
   transaction.commit();
   return leaving;
 }
 
-void Catalogue::announceDeparture(int64_t id) {
+void Catalogue::announceDepartures(const std::vector<int64_t>& ids) {
   Transaction transaction(*this);
-  Statement(*this,
-            "UPDATE files SET sha256 = zeroblob(32) "
-            "WHERE path = (SELECT path FROM documents WHERE id = ?)")
-      .number(id)
-      .step();
-  Statement(*this, "UPDATE documents SET state = 2 WHERE id = ?").number(id).step();
+  for (const int64_t id : ids) {
+    Statement(*this,
+              "UPDATE files SET sha256 = zeroblob(32) "
+              "WHERE path = (SELECT path FROM documents WHERE id = ?)")
+        .number(id)
+        .step();
+    Statement(*this, "UPDATE documents SET state = 2 WHERE id = ?").number(id).step();
+  }
   transaction.commit();
 }
 
@@ -506,18 +525,6 @@ size_t Catalogue::removeCommonText(const std::string& path) {
 }
 
 void Catalogue::announceAll() { execute("UPDATE documents SET state = 1 WHERE state = 0"); }
-
-void Catalogue::cancelArrival(int64_t id) {
-  Transaction transaction(*this);
-  Statement(*this,
-            "UPDATE files SET sha256 = zeroblob(32) "
-            "WHERE path = (SELECT path FROM documents WHERE id = ?)")
-      .number(id)
-      .step();
-  Statement(*this, "DELETE FROM documents WHERE id = ?").number(id).step();
-  Statement(*this, "DELETE FROM lists WHERE id = ?").number(id).step();
-  transaction.commit();
-}
 
 std::vector<Catalogue::Unsettled> Catalogue::unsettled() const {
   Statement select(*this, "SELECT id, state FROM documents WHERE state != 0 ORDER BY id");

@@ -146,11 +146,11 @@ class Catalogue {
   // lasting on return. A document that is the same as before stays.
   std::vector<Arrival> announce(const std::vector<FileChange>& changes);
 
-  // All that is known of the file goes. Returns how many documents leave.
-  size_t announceRemoval(const std::string& path);
+  // All that is known of the files goes. Returns how many documents leave.
+  size_t announceRemoval(const std::vector<std::string>& paths);
 
-  // One document leaves; its file is opened again when it is indexed next.
-  void announceDeparture(int64_t id);
+  // Single documents leave; their files are opened again when they are indexed next.
+  void announceDepartures(const std::vector<int64_t>& ids);
 
   // Documents with signatures that become common, or cease to be, arrive once more.
   // Returns how many.
@@ -159,9 +159,6 @@ class Catalogue {
 
   // For an index that was lost: every document arrives once more.
   void announceAll();
-
-  // Takes back an arrival that the index refused. Its ID stays used up.
-  void cancelArrival(int64_t id);
 
   // Arriving or leaving, by ID.
   struct Unsettled {

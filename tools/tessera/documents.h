@@ -2,7 +2,7 @@
 //
 // A document is a file of plain text, gzip-compressed or not; it is the
 // decompressed content that counts. Names are taken as bytes: a file name that
-// is not UTF-8 is a name like any other. Tests: tests/tool/tool_test.py.
+// is not UTF-8 is a name like any other. Tests: tests/tool/index_test.py.
 #pragma once
 
 #include <cstddef>

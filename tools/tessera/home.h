@@ -1,7 +1,7 @@
 // The home of an index: the directory that holds "index_sys_config.txt",
 // "sig_index_DB" and "catalogue.sqlite". The library finds the first two in
 // the current directory, so the command works from inside its home.
-// Tests: tests/tool/tool_test.py.
+// Tests: tests/tool/index_test.py.
 #pragma once
 
 #include <filesystem>

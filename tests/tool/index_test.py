@@ -1,0 +1,221 @@
+"""tessera index: what becomes of files, and of the index when they change."""
+
+import fcntl
+import os
+import random
+import signal
+import subprocess
+import unittest
+
+from support import DONE, FAILED, MATCHED, ToolTest, text, wait_for
+
+HOLD_INDEX = os.path.abspath(os.environ["HOLD_INDEX"])
+
+
+class IndexTest(ToolTest):
+    def test_home_belongs_to_its_owner_alone(self):
+        self.index(self.write("a.txt", text(1)))
+        self.assertEqual(0o700, self.home.stat().st_mode & 0o777)
+
+    def test_home_itself_is_never_indexed(self):
+        self.write("a.txt", text(1))
+        self.index()
+        (self.home / "note.txt").write_text(text(2))
+        self.index(self.dir)
+        self.assertEqual([(1, os.fsencode(self.docs / "a.txt"), 0)], self.rows())
+
+    def test_home_that_cannot_be_made_is_an_error(self):
+        document = self.write("a.txt", text(1))
+        self.home.write_text("a file")
+        _, err = self.index(document, status=FAILED)
+        self.assertIn(str(self.home), err)
+
+    def test_documents_that_are_too_short_are_counted_and_kept_without_signatures(self):
+        self.write("a.txt", text(1))
+        self.write("short.txt", "Sixty letters make no window.\n")
+        self.write("empty.txt", "")
+        out, err = self.index()
+        self.assertEqual("3 files: 3 added, 0 replaced, 0 unchanged, 2 too short\n", out)
+        self.assertEqual("", err)
+        counts = [signatures for (signatures,) in self.rows("signatures")]
+        self.assertEqual([0, 0], sorted(counts)[:2])
+        self.assertGreater(max(counts), 50)
+        self.assertIn("3 unchanged", self.index()[0])
+
+    def test_links_count_when_named_and_not_when_found(self):
+        document = self.write("a.txt", text(1))
+        outside = self.dir / "outside"
+        outside.mkdir()
+        (outside / "b.txt").write_text(text(2))
+        (self.docs / "link.txt").symlink_to(outside / "b.txt")
+        (self.docs / "loop").symlink_to(self.docs)
+        self.index()
+        self.assertEqual([(os.fsencode(document),)], self.rows("path"))
+        self.index(self.docs / "link.txt")
+        self.assertEqual(os.fsencode(outside / "b.txt"), self.rows("path")[-1][0])
+
+    def test_paths_are_relative_to_the_directory_of_the_user(self):
+        document = self.write("a.txt", text(1))
+        self.index("docs/a.txt", "docs/../docs", "./docs")
+        self.assertEqual([(1, os.fsencode(document), 0)], self.rows())
+        self.assertEqual([(2, str(document))], self.matches("docs/a.txt"))
+
+    def test_names_that_are_not_utf8_are_names(self):
+        name = os.path.join(os.fsencode(self.docs), b"caf\xe9\xff.txt")
+        with open(name, "wb") as file:
+            file.write(text(1).encode())
+        out, err = self.index()
+        self.assertIn("1 added", out)
+        self.assertEqual("", err)
+        self.assertEqual([(2, os.fsdecode(name))], self.matches(name))
+        self.assertIn("1 unchanged", self.index()[0])
+
+    def test_second_run_changes_nothing(self):
+        document = self.write("a.txt", text(1))
+        self.index()
+        before = self.rows()
+        out, _ = self.index()
+        self.assertEqual("1 file: 0 added, 0 replaced, 1 unchanged\n", out)
+        self.assertEqual(before, self.rows())
+        self.assertEqual([(2, str(document))], self.matches(document))
+
+    def test_changed_document_gets_a_new_id_and_its_old_text_is_forgotten(self):
+        document = self.write("a.txt", text(1))
+        kept = self.write("b.txt", text(3))
+        self.index()
+        self.write("a.txt", text(2))
+        out, _ = self.index()
+        self.assertEqual("2 files: 0 added, 1 replaced, 1 unchanged\n", out)
+        self.assertEqual([(2, os.fsencode(kept), 0), (3, os.fsencode(document), 0)], self.rows())
+        self.assertEqual([(2, str(document))], self.matches(document))
+        old = self.write("../old.txt", text(1))
+        self.assertEqual([], self.matches(old, status=DONE))
+
+    def test_file_ids_are_never_used_twice(self):
+        document = self.write("a.txt", text(0))
+        for seed in range(1, 4):
+            self.write("a.txt", text(seed))
+            self.index()
+            self.assertEqual([(seed, os.fsencode(document), 0)], self.rows())
+        self.write("a.txt", "short now")
+        self.index()
+        self.write("a.txt", text(9))
+        self.index()
+        self.assertEqual([(5, os.fsencode(document), 0)], self.rows())
+        self.run_tool("delete", document, status=DONE)
+        self.assertEqual([], self.rows())
+        self.index()
+        self.assertEqual([(6, os.fsencode(document), 0)], self.rows())
+
+    def test_content_that_is_no_text_is_found_by_its_one_signature(self):
+        content = bytes(random.Random(1).randbytes(5000)) + b"\0"
+        document = self.write("a.bin", content)
+        self.index()
+        self.assertEqual([(1,)], self.rows("signatures"))
+        copy = self.write("../copy.bin", content)
+        self.assertEqual([(2, str(document))], self.matches(copy))
+
+    def test_document_that_became_too_short_leaves_the_index(self):
+        self.write("a.txt", text(1))
+        self.index()
+        self.write("a.txt", "short now")
+        self.index()
+        self.assertEqual([], self.matches(self.write("../old.txt", text(1)), status=DONE))
+
+    def test_missing_files_are_told_and_the_run_goes_on(self):
+        document = self.write("a.txt", text(1))
+        out, err = self.index(document, "no such file", status=FAILED)
+        self.assertIn("1 added", out)
+        self.assertEqual("tessera: cannot read no such file: No such file or directory\n", err)
+        out, err = self.run_tool("match", "no such file", document, status=FAILED)
+        self.assertIn(f"level 2  {document}", out)
+        self.assertIn("cannot match no such file: No such file or directory", err)
+        _, err = self.run_tool("sig", "no such file", status=FAILED)
+        self.assertIn("cannot read no such file: No such file or directory", err)
+
+    def test_nothing_but_missing_files_makes_no_home(self):
+        self.index("no such file", status=FAILED)
+        self.assertFalse(self.home.exists())
+
+    @unittest.skipIf(os.geteuid() == 0, "root may read everything")
+    def test_files_and_directories_without_permission_are_told(self):
+        self.write("a.txt", text(1))
+        secret = self.write("secret.txt", text(2))
+        secret.chmod(0)
+        closed = self.write("closed/b.txt", text(3)).parent
+        closed.chmod(0)
+        self.addCleanup(closed.chmod, 0o700)
+        out, err = self.index(status=FAILED)
+        self.assertIn("1 added", out)
+        self.assertIn(f"cannot index {secret}: Permission denied", err)
+        self.assertIn(f"cannot list {closed}: Permission denied", err)
+
+    def test_malformed_configuration_is_named_with_its_line(self):
+        document = self.write("a.txt", text(1))
+        self.index()
+        config = self.home / "index_sys_config.txt"
+        config.write_text("max_content_size=6291456\nno assignment\n")
+        self.write("a.txt", text(2))
+        for verb in ("index", "match"):
+            _, err = self.run_tool(verb, document, status=FAILED)
+            self.assertIn(str(config), err)
+            self.assertIn("wrong config file format at line 2", err)
+
+    def test_index_in_use_by_another_program_is_told(self):
+        document = self.write("a.txt", text(1))
+        self.index()
+        holder = subprocess.Popen(
+            [HOLD_INDEX], cwd=self.home, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True
+        )
+        with holder:
+            self.assertEqual("open\n", holder.stdout.readline())
+            self.write("b.txt", text(2))
+            _, err = self.index(status=FAILED)
+            self.assertIn("in use by another process", err)
+            self.assertEqual([(2, str(document))], self.matches(document))
+            holder.stdin.close()
+        self.assertEqual(0, holder.returncode)
+        self.assertIn("1 added, 0 replaced, 1 unchanged", self.index()[0])
+
+    def test_two_indexing_runs_do_not_mix(self):
+        self.index(self.write("a.txt", text(1)))
+        self.write("b.txt", text(2))
+        catalogue = self.held_catalogue()
+        first = self.start_tool("index", self.docs)
+        wait_for(lambda: self.catches_interrupts(first))
+        _, err = self.index(status=FAILED)
+        self.assertIn("in use by another process", err)
+        catalogue.close()
+        self.assertEqual(DONE, first.wait(60))
+        self.assertEqual(2, len(self.rows()))
+
+    def test_run_that_settles_its_catalogue_still_keeps_others_out(self):
+        """Its index is closed by then; the lock of the home alone is held."""
+        self.index(self.write("a.txt", text(1)))
+        home = os.open(self.home, os.O_RDONLY)
+        self.addCleanup(os.close, home)
+        fcntl.flock(home, fcntl.LOCK_EX)
+        _, err = self.index(status=FAILED)
+        self.assertIn("in use by another process", err)
+
+    def test_interrupted_run_keeps_what_it_has_done(self):
+        self.index(self.write("first.txt", text(0)))
+        for number in range(100):
+            self.write(f"{number}.txt", text(number + 1, 300))
+        catalogue = self.held_catalogue()
+        process = self.start_tool("index", self.docs)
+        wait_for(lambda: self.catches_interrupts(process))
+        process.send_signal(signal.SIGINT)
+        catalogue.close()
+        _, err = process.communicate(timeout=60)
+        self.assertEqual(FAILED, process.returncode)
+        self.assertRegex(err, r"interrupted after \d+ of 101 files")
+        done = len(self.rows())
+        self.assertLess(done, 101)
+        self.assertTrue(all(state == 0 for _, _, state in self.rows()))
+        out, _ = self.index()
+        self.assertIn(f"{101 - done} added", out)
+
+
+if __name__ == "__main__":
+    unittest.main()
