@@ -76,7 +76,7 @@ std::string_view bytesOf(const SignatureList& list) {
 }
 
 Reason reasonOf(std::string_view name) {
-  for (int i = 0; i < kReasons; ++i) {
+  for (unsigned i = 0; i < kReasons; ++i) {
     if (reasonName(static_cast<Reason>(i)) == name) return static_cast<Reason>(i);
   }
   return Reason::kUnsupported;  // a later version's

@@ -36,6 +36,7 @@ int dispatch(const std::string& verb, const Options& options) {
   if (verb == "index") return indexCommand(common, options.index);
   if (verb == "match") return matchCommand(common, options.match);
   if (verb == "sig") return sigCommand(common, options.sig);
+  if (verb == "text") return textCommand(common, options.text);
   throw Failure(fmt::format("'{}' is not there yet", verb));
 }
 
@@ -70,7 +71,7 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     tool::complain(failure.what());
   }
-  if (std::fflush(stdout) != 0) {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     tool::complain("cannot write the output");
     status = tool::kFailed;
   }

@@ -32,9 +32,12 @@ bool coloursWanted() {
 
 std::unique_ptr<Reporter> makeReporter(Report report) {
   switch (report) {
-    case Report::kText: return makeTextReporter(coloursWanted());
-    case Report::kJson: return makeJsonReporter();
-    case Report::kSarif: return makeSarifReporter();
+    case Report::kText:
+      return makeTextReporter(coloursWanted());
+    case Report::kJson:
+      return makeJsonReporter();
+    case Report::kSarif:
+      return makeSarifReporter();
   }
   return nullptr;
 }

@@ -6,8 +6,11 @@
 #include <iterator>
 #include <utility>
 
+#include "failure.h"
 #include "input.h"
 #include "store.h"
+
+namespace fs = std::filesystem;
 
 namespace tool {
 
@@ -17,6 +20,14 @@ SignatureList sharedSignatures(const SignatureList& a, const SignatureList& b) {
   SignatureList shared;
   std::set_intersection(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(shared));
   return shared;
+}
+
+// Null for an index that another program has made: its documents have no names here.
+std::unique_ptr<Catalogue> findCatalogue(const fs::path& home) {
+  if (!hasIndex(home) || fs::exists(home / kCatalogueName)) return openCatalogue(home);
+  complain(fmt::format("note: without the catalogue {}, documents have numbers only",
+                       (home / kCatalogueName).string()));
+  return nullptr;
 }
 
 Query describe(const Part& part) {
@@ -40,14 +51,14 @@ std::string Finding::name() const {
 
 Query::Outcome Query::outcome() const {
   if (!findings.empty()) return Outcome::kMatch;
-  if (reason != Reason::kNone) return Outcome::kNotInspected;
+  if (reason != Reason::kNone) return Outcome::kUninspected;
   if (form == Form::kContainer) return Outcome::kContainer;
   return signatures + common == 0 ? Outcome::kTooShort : Outcome::kNoMatch;
 }
 
-Matcher::Matcher(const std::filesystem::path& home, const Settings& settings)
+Matcher::Matcher(const fs::path& home, const Settings& settings)
     : settings_(settings),
-      catalogue_(openCatalogue(home)),
+      catalogue_(findCatalogue(home)),
       inspector_({.limits = settings.limits}) {
   {
     const ScratchHome scratch(home);
@@ -56,7 +67,7 @@ Matcher::Matcher(const std::filesystem::path& home, const Settings& settings)
   enterHome(home);
   tables_.emplace(kIndexName, DirectoryLock::Kind::kShared);
   session_.emplace();
-  common_ = catalogue_->commonSignatures();
+  if (catalogue_) common_ = catalogue_->commonSignatures();
 }
 
 InspectedFile Matcher::inspect(const FoundFile& file) {
@@ -111,7 +122,7 @@ Finding Matcher::finding(const Match& match, const Part& part, const SignatureLi
   Finding finding = {.match = match, .document = std::nullopt, .passages = {}};
   const bool explain = settings_.explain && part.form == Form::kText;
   SignatureList held;
-  {
+  if (catalogue_) {
     const std::lock_guard lock(catalogue_mutex_);
     finding.document = catalogue_->document(match.file_id);
     if (explain) held = catalogue_->signatures(match.file_id);

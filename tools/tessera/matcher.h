@@ -47,7 +47,7 @@ struct Query {
   size_t common = 0;       // that were left out of the search
   std::vector<Finding> findings;
 
-  enum class Outcome { kMatch, kNotInspected, kContainer, kTooShort, kNoMatch };
+  enum class Outcome { kMatch, kUninspected, kContainer, kTooShort, kNoMatch };
   Outcome outcome() const;
 };
 
@@ -82,8 +82,8 @@ class Matcher {
   Finding finding(const Match& match, const Part& part, const SignatureList& signatures);
 
   const Settings settings_;
-  std::unique_ptr<Catalogue> catalogue_;
-  std::mutex catalogue_mutex_;  // held while the catalogue is asked
+  std::unique_ptr<Catalogue> catalogue_;  // may be null
+  std::mutex catalogue_mutex_;            // held while the catalogue is asked
   std::optional<Fingerprinter> fingerprinter_;
   std::optional<DirectoryLock> tables_;
   std::optional<MatchSession> session_;

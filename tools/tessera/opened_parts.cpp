@@ -25,8 +25,7 @@ OpenedParts::OpenedParts(const std::vector<std::string>& files, const std::files
       found_(findNamed(files, home)),
       inspector_({.limits = options.limits}) {}
 
-bool OpenedParts::each(
-    const std::function<void(const std::string& name, const Part& part)>& show) {
+bool OpenedParts::each(const std::function<void(const std::string& name, const Part& part)>& show) {
   for (const std::string& problem : found_.problems) complain(problem);
   bool whole = found_.problems.empty();
   for (const FoundFile& file : found_.files) whole = open(file, show) && whole;
@@ -46,8 +45,7 @@ bool OpenedParts::open(const FoundFile& file,
   }
   bool whole = true;
   inspector_.inspect(input.descriptor(), file.path.filename().native(), [&](Part&& part) {
-    const std::string name =
-        shownName(part.name.empty() ? file.name : file.name + "!" + part.name);
+    const std::string name = shownName(part.name.empty() ? file.name : file.name + "!" + part.name);
     if (part.reason != Reason::kNone) {
       complainAbout(name, part.reason, part.detail);
       whole = false;

@@ -27,7 +27,8 @@ class OpenedParts {
   bool each(const std::function<void(const std::string& name, const Part& part)>& show);
 
  private:
-  bool open(const FoundFile& file, const std::function<void(const std::string&, const Part&)>& show);
+  bool open(const FoundFile& file,
+            const std::function<void(const std::string&, const Part&)>& show);
 
   const Limits limits_;
   const FoundFiles found_;

@@ -12,6 +12,7 @@ namespace {
 constexpr size_t kMostPassages = 10;
 constexpr size_t kMostBytes = 500;  // of the text of a passage
 constexpr size_t kContextBytes = 40;
+constexpr uint64_t kLongGap = 200;  // windows are seldom farther apart
 
 struct Range {
   uint64_t begin;
@@ -23,25 +24,29 @@ struct Range {
 struct Collector {
   const SignatureList* shared;
   std::vector<Range> ranges;
-  bool out_of_memory = false;
+  bool running = false;  // the last window was shared
 };
 
 int collect(const tessera_window* window, void* context) {
   Collector& collector = *static_cast<Collector*>(context);
   Signature signature;
   std::copy_n(window->signature, signature.size(), signature.begin());
-  if (!std::binary_search(collector.shared->begin(), collector.shared->end(), signature)) return 0;
+  const bool running = collector.running;
+  collector.running =
+      std::binary_search(collector.shared->begin(), collector.shared->end(), signature);
+  if (!collector.running) return 0;
   std::vector<Range>& ranges = collector.ranges;
-  if (!ranges.empty() && window->begin <= ranges.back().end) {
+  const bool overlaps = !ranges.empty() && window->begin <= ranges.back().end;
+  if (overlaps || (running && window->begin - ranges.back().end < kLongGap)) {
     ranges.back().end = std::max(ranges.back().end, window->end);
     return 0;
   }
   try {
     ranges.push_back({window->begin, window->end});
   } catch (const std::bad_alloc&) {
-    collector.out_of_memory = true;
+    return 1;  // through C code no exception may pass
   }
-  return collector.out_of_memory ? 1 : 0;
+  return 0;
 }
 
 // The library counts bytes; people and JSON want characters that are whole.
@@ -87,9 +92,8 @@ Passages findPassages(std::string_view text, const SignatureList& shared) {
   passages.count = ranges.size();
   for (const Range& range : ranges) passages.bytes += range.length();
   if (ranges.size() > kMostPassages) {
-    std::stable_sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) {
-      return a.length() > b.length();
-    });
+    std::stable_sort(ranges.begin(), ranges.end(),
+                     [](const Range& a, const Range& b) { return a.length() > b.length(); });
     ranges.resize(kMostPassages);
     std::sort(ranges.begin(), ranges.end(),
               [](const Range& a, const Range& b) { return a.begin < b.begin; });

@@ -26,8 +26,9 @@ struct Passages {
   uint64_t bytes = 0;          // in all
 };
 
-// The passages of a canonical text whose signatures are `shared`. Windows that overlap
-// are one passage.
+// The passages of a canonical text whose signatures are `shared`. Selected windows that
+// are shared and follow each other closely are one passage; one that is not shared
+// between them, or a long gap, ends it.
 Passages findPassages(std::string_view text, const SignatureList& shared);
 
 }  // namespace tool

@@ -21,11 +21,16 @@ std::string line(const Json& record) {
 
 const char* outcomeName(Query::Outcome outcome) {
   switch (outcome) {
-    case Query::Outcome::kMatch: return "match";
-    case Query::Outcome::kNotInspected: return "not_inspected";
-    case Query::Outcome::kContainer: return "container";
-    case Query::Outcome::kTooShort: return "too_short";
-    case Query::Outcome::kNoMatch: return "no_match";
+    case Query::Outcome::kMatch:
+      return "match";
+    case Query::Outcome::kUninspected:
+      return "not_inspected";
+    case Query::Outcome::kContainer:
+      return "container";
+    case Query::Outcome::kTooShort:
+      return "too_short";
+    case Query::Outcome::kNoMatch:
+      return "no_match";
   }
   return "";
 }

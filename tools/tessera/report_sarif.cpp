@@ -34,9 +34,10 @@ Json locationOf(const InspectedFile& file, const Query& query) {
   }
   Json location = {{"physicalLocation", {{"artifactLocation", artifact}}}};
   if (!query.member.empty()) {
-    location["logicalLocations"] = Json::array({{{"name", shownName(query.member)},
-                                                 {"fullyQualifiedName", shownName(file.nameOf(query))},
-                                                 {"kind", "member"}}});
+    location["logicalLocations"] =
+        Json::array({{{"name", shownName(query.member)},
+                      {"fullyQualifiedName", shownName(file.nameOf(query))},
+                      {"kind", "member"}}});
   }
   return location;
 }
@@ -52,14 +53,14 @@ Json passagesOf(const Passages& passages) {
 Json resultOf(const InspectedFile& file, const Query& query, const Finding& finding) {
   static constexpr const char* kLevels[] = {"note", "warning", "error"};
   const Match& match = finding.match;
-  Json result = {{"ruleId", fmt::format("level-{}", match.level)},
-                 {"ruleIndex", match.level},
-                 {"level", kLevels[match.level]},
-                 {"message", message(fmt::format("shares {} of {} signatures with {}", match.hits,
-                                                 query.signatures, shownName(finding.name())))},
-                 {"locations", Json::array({locationOf(file, query)})},
-                 {"partialFingerprints",
-                  {{"sha256/v1", fmt::format("{:02x}", fmt::join(query.sha256, ""))}}}};
+  Json result = {
+      {"ruleId", fmt::format("level-{}", match.level)},
+      {"ruleIndex", match.level},
+      {"level", kLevels[match.level]},
+      {"message", message(fmt::format("shares {} of {} signatures with {}", match.hits,
+                                      query.signatures, shownName(finding.name())))},
+      {"locations", Json::array({locationOf(file, query)})},
+      {"partialFingerprints", {{"sha256/v1", fmt::format("{:02x}", fmt::join(query.sha256, ""))}}}};
   Json& properties = result["properties"];
   properties["fileId"] = match.file_id;
   properties["document"] = shownName(finding.name());
@@ -71,19 +72,19 @@ Json resultOf(const InspectedFile& file, const Query& query, const Finding& find
 }
 
 Json rules() {
-  return Json::array({{{"id", "level-0"},
-                       {"name", "Trace"},
-                       {"shortDescription", message("Shares a passage with an indexed document")}},
-                      {{"id", "level-1"},
-                       {"name", "WeakMatch"},
-                       {"shortDescription",
-                        message("Shares at least a twentieth of its signatures, or 3, with an "
-                                "indexed document")}},
-                      {{"id", "level-2"},
-                       {"name", "StrongMatch"},
-                       {"shortDescription",
-                        message("Shares at least a tenth of its signatures, or 9, with an indexed "
-                                "document")}}});
+  return Json::array(
+      {{{"id", "level-0"},
+        {"name", "Trace"},
+        {"shortDescription", message("Shares a passage with an indexed document")}},
+       {{"id", "level-1"},
+        {"name", "WeakMatch"},
+        {"shortDescription", message("Shares at least a twentieth of its signatures, or 3, with an "
+                                     "indexed document")}},
+       {{"id", "level-2"},
+        {"name", "StrongMatch"},
+        {"shortDescription",
+         message("Shares at least a tenth of its signatures, or 9, with an indexed "
+                 "document")}}});
 }
 
 // One log, at the end; what was not inspected stands among the notifications.
@@ -99,10 +100,9 @@ class SarifReporter : public Reporter {
       notifications_.push_back(
           {{"level", file.unreadable ? "error" : "warning"},
            {"descriptor", {{"id", "not-inspected"}}},
-           {"message", message(fmt::format("{}: not {}inspected: {}{}",
-                                           shownName(file.nameOf(query)),
-                                           query.inspected ? "wholly " : "",
-                                           reasonName(query.reason), detail))},
+           {"message", message(fmt::format(
+                           "{}: not {}inspected: {}{}", shownName(file.nameOf(query)),
+                           query.inspected ? "wholly " : "", reasonName(query.reason), detail))},
            {"locations", Json::array({locationOf(file, query)})}});
     }
     return "";

@@ -57,7 +57,8 @@ class TextReporter : public Reporter {
                                    counted(totals.documents, "document"), totals.matched);
     if (totals.too_short) text += fmt::format(", {} too short to match", totals.too_short);
     if (totals.not_inspected) {
-      text += ", " + painted(kYellow, fmt::format("{} not inspected", totals.not_inspected));
+      text += fmt::format(", {}",
+                          painted(kYellow, fmt::format("{} not inspected", totals.not_inspected)));
     }
     return text + "\n";
   }
@@ -77,13 +78,14 @@ class TextReporter : public Reporter {
     for (const Finding& finding : query.findings) {
       const Match& match = finding.match;
       const char* colour = match.level == 2 ? kRed : match.level == 1 ? kYellow : kFaint;
-      text += fmt::format("  {}  {}  ({} of {})", painted(colour, fmt::format("level {}", match.level)),
-                          shownName(finding.name()), match.hits,
-                          counted(query.signatures, "signature"));
+      text += fmt::format(
+          "  {}  {}  ({} of {})", painted(colour, fmt::format("level {}", match.level)),
+          shownName(finding.name()), match.hits, counted(query.signatures, "signature"));
       if (finding.document && !finding.document->label.empty()) {
         text += fmt::format("  [{}]", shownName(finding.document->label));
       }
-      text += "\n" + passages(finding.passages);
+      text += '\n';
+      text += passages(finding.passages);
     }
     return text;
   }
@@ -94,14 +96,14 @@ class TextReporter : public Reporter {
       const bool cut = passage.text.size() < passage.end - passage.begin;
       text += fmt::format("    {}-{}: {}{}{}{}\n", passage.begin, passage.end,
                           painted(kFaint, oneLine(passage.before)),
-                          painted(kRed, "[" + oneLine(passage.text)),
+                          painted(kRed, fmt::format("[{}", oneLine(passage.text))),
                           cut ? painted(kFaint, "...") : "",
                           painted(kRed, "]") + painted(kFaint, oneLine(passage.after)));
     }
     if (passages.count > passages.shown.size()) {
-      text += fmt::format("    and {} shorter, {} bytes in all\n",
-                          counted(passages.count - passages.shown.size(), "passage"),
-                          passages.bytes);
+      text +=
+          fmt::format("    and {} shorter, {} bytes in all\n",
+                      counted(passages.count - passages.shown.size(), "passage"), passages.bytes);
     }
     return text;
   }
@@ -111,7 +113,7 @@ class TextReporter : public Reporter {
     std::string text = fmt::format("not {}inspected: {}", query.inspected ? "wholly " : "",
                                    reasonName(query.reason));
     if (!query.detail.empty()) text += fmt::format(" ({})", shownName(query.detail));
-    return "  " + painted(kYellow, text) + "\n";
+    return fmt::format("  {}\n", painted(kYellow, text));
   }
 
   const bool colours_;

@@ -37,7 +37,8 @@ int sigCommand(const CommonOptions& common, const SigOptions& options) {
     const std::vector<std::string> lines = hexadecimal(fingerprinter->signatures(part));
     if (options.json) {
       const nlohmann::ordered_json record = {
-          {"name", name}, {"selection", options.selection == Selection::kFull ? "full" : "sparse"},
+          {"name", name},
+          {"selection", options.selection == Selection::kFull ? "full" : "sparse"},
           {"signatures", lines}};
       fmt::print("{}\n", record.dump());
       return;
