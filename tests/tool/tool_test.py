@@ -190,15 +190,6 @@ class CommandTest(ToolTest):
         self.signatures(document)
         self.assertEqual("max_content_size = 1048576\n", config.read_text())
 
-    def test_signatures_follow_the_settings_of_the_home(self):
-        long = self.write("long.txt", text(1, 300000))
-        whole = self.signatures(long)
-        self.home.mkdir()
-        (self.home / "index_sys_config.txt").write_text("max_content_size=1048576\n")
-        part = self.signatures(long)
-        self.assertLess(len(part), len(whole))
-        self.assertLessEqual(set(part), set(whole))
-
     def test_progress_shows_on_a_terminal_and_is_wiped_away(self):
         self.write("a.txt", text(1))
         master, slave = pty.openpty()

@@ -317,8 +317,9 @@ std::vector<std::string> Catalogue::paths(const std::string& below) const {
   return paths;
 }
 
-void Catalogue::eachFile(const std::function<void(const FileEntry&)>& visit) const {
-  for (const std::string& path : paths("")) {
+void Catalogue::eachFile(const std::string& below,
+                         const std::function<void(const FileEntry&)>& visit) const {
+  for (const std::string& path : paths(below)) {
     if (const std::optional<FileEntry> found = file(path)) visit(*found);
   }
 }
@@ -458,22 +459,9 @@ std::vector<Arrival> Catalogue::announce(const std::vector<FileChange>& changes)
   return arrivals;
 }
 
-size_t Catalogue::announceRemoval(const std::vector<std::string>& paths) {
+size_t Catalogue::announceRemoval(const std::vector<std::string>& paths,
+                                  const std::vector<int64_t>& ids) {
   size_t leaving = 0;
-  Transaction transaction(*this);
-  for (const std::string& path : paths) {
-    Statement(*this, "DELETE FROM verdicts WHERE path = ?").bytes(path).step();
-    Statement(*this, "DELETE FROM files WHERE path = ?").bytes(path).step();
-    Statement(*this, "UPDATE documents SET state = 2 WHERE path = ? AND state != 2")
-        .bytes(path)
-        .step();
-    leaving += static_cast<size_t>(sqlite3_changes64(database_));
-  }
-  transaction.commit();
-  return leaving;
-}
-
-void Catalogue::announceDepartures(const std::vector<int64_t>& ids) {
   Transaction transaction(*this);
   for (const int64_t id : ids) {
     Statement(*this,
@@ -481,9 +469,21 @@ void Catalogue::announceDepartures(const std::vector<int64_t>& ids) {
               "WHERE path = (SELECT path FROM documents WHERE id = ?)")
         .number(id)
         .step();
-    Statement(*this, "UPDATE documents SET state = 2 WHERE id = ?").number(id).step();
+    Statement(*this, "UPDATE documents SET state = 2 WHERE id = ? AND state != 2")
+        .number(id)
+        .step();
+    leaving += static_cast<size_t>(sqlite3_changes(database_));
+  }
+  for (const std::string& path : paths) {
+    Statement(*this, "DELETE FROM verdicts WHERE path = ?").bytes(path).step();
+    Statement(*this, "DELETE FROM files WHERE path = ?").bytes(path).step();
+    Statement(*this, "UPDATE documents SET state = 2 WHERE path = ? AND state != 2")
+        .bytes(path)
+        .step();
+    leaving += static_cast<size_t>(sqlite3_changes(database_));
   }
   transaction.commit();
+  return leaving;
 }
 
 // Part of a transaction.
@@ -542,6 +542,11 @@ void Catalogue::settle() {
   execute("DELETE FROM documents WHERE state = 2");
   execute("UPDATE documents SET state = 0 WHERE state = 1");
   transaction.commit();
+}
+
+int64_t Catalogue::lastId() const {
+  Statement select(*this, "SELECT seq FROM sqlite_sequence WHERE name = 'documents'");
+  return select.step() ? select.number() : 0;
 }
 
 std::vector<std::string> Catalogue::problems() const {

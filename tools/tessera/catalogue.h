@@ -126,7 +126,7 @@ class Catalogue {
 
   // By path. `below` is a file or a directory with all in it; empty: all.
   std::vector<std::string> paths(const std::string& below) const;
-  void eachFile(const std::function<void(const FileEntry&)>& visit) const;
+  void eachFile(const std::string& below, const std::function<void(const FileEntry&)>& visit) const;
 
   // By path, then file ID; those that leave are left out.
   void eachDocument(const std::string& below,
@@ -146,11 +146,10 @@ class Catalogue {
   // lasting on return. A document that is the same as before stays.
   std::vector<Arrival> announce(const std::vector<FileChange>& changes);
 
-  // All that is known of the files goes. Returns how many documents leave.
-  size_t announceRemoval(const std::vector<std::string>& paths);
-
-  // Single documents leave; their files are opened again when they are indexed next.
-  void announceDepartures(const std::vector<int64_t>& ids);
+  // All that is known of the files goes. Of single documents, members, the files stay,
+  // and are opened again when they are indexed next. Returns how many documents leave.
+  size_t announceRemoval(const std::vector<std::string>& paths,
+                         const std::vector<int64_t>& ids = {});
 
   // Documents with signatures that become common, or cease to be, arrive once more.
   // Returns how many.
@@ -169,6 +168,9 @@ class Catalogue {
 
   // The index holds what was announced.
   void settle();
+
+  // The highest file ID that was ever handed out; 0: none.
+  int64_t lastId() const;
 
   // What SQLite finds wrong with the database; nothing: all is well.
   std::vector<std::string> problems() const;

@@ -211,8 +211,11 @@ void addCommon(CLI::App* app, CommonTextOptions* options) {
   addInspectOptions(files, &options->inspect);
   CLI::App* gone = add("remove", Action::kRemove, "Take that back");
   addPaths(gone, "FILE", &options->files, "Files that were added")->required();
-  add("list", Action::kList, "Show the files that were added");
-  add("suggest", Action::kSuggest, "Show text that stands in many documents")
+  add("list", Action::kList, "Show the files that were added")
+      ->add_flag("--json", options->json, "JSON lines, one for each file");
+  CLI::App* suggest = add("suggest", Action::kSuggest, "Show text that stands in many documents");
+  suggest->add_flag("--json", options->json, "JSON lines, one for each signature");
+  suggest
       ->add_option("--min-documents", options->min_documents,
                    "In at least so many (a tenth of all)")
       ->check(CLI::PositiveNumber.description(""))

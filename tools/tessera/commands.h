@@ -122,6 +122,7 @@ struct CommonTextOptions {
   Action action = Action::kList;
   std::vector<std::string> files;
   unsigned min_documents = 0;  // kSuggest: signatures in at least as many; 0: a tenth
+  bool json = false;           // kList, kSuggest
   InspectOptions inspect;
 };
 

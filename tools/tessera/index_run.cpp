@@ -10,6 +10,7 @@
 #include "in_order.h"
 #include "interrupt.h"
 #include "names.h"
+#include "records.h"
 
 namespace fs = std::filesystem;
 
@@ -42,14 +43,6 @@ bool isGone(const std::string& path) {
   std::error_code error;
   const fs::file_type type = fs::symlink_status(path, error).type();
   return type != fs::file_type::regular && type != fs::file_type::none;  // none: who knows
-}
-
-std::string notInspected(const std::string& path, const Verdict& verdict) {
-  const std::string name = verdict.member.empty() ? path : path + "!" + verdict.member;
-  std::string message =
-      fmt::format("not inspected: {}: {}", shownName(name), reasonName(verdict.reason));
-  if (!verdict.detail.empty()) message += fmt::format(" ({})", shownName(verdict.detail));
-  return message;
 }
 
 }  // namespace
@@ -89,7 +82,7 @@ void IndexRun::take(OpenedFile&& opened) {
   }
   for (const Verdict& verdict : opened.change.file.verdicts) {
     progress_.clear();
-    complain(notInspected(path, verdict));
+    complain(verdictText(opened.change.file, verdict));
     ++counts_.not_inspected;
   }
   if (opened.unchanged) {

@@ -37,6 +37,13 @@ int dispatch(const std::string& verb, const Options& options) {
   if (verb == "match") return matchCommand(common, options.match);
   if (verb == "sig") return sigCommand(common, options.sig);
   if (verb == "text") return textCommand(common, options.text);
+  if (verb == "delete") return deleteCommand(common, options.remove);
+  if (verb == "list") return listCommand(common, options.list);
+  if (verb == "stats") return statsCommand(common, options.stats);
+  if (verb == "verify") return verifyCommand(common, options.verify);
+  if (verb == "rebuild") return rebuildCommand(common, options.rebuild);
+  if (verb == "export") return exportCommand(common, options.export_);
+  if (verb == "common") return commonCommand(common, options.common);
   throw Failure(fmt::format("'{}' is not there yet", verb));
 }
 
