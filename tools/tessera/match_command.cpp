@@ -101,6 +101,7 @@ int matchCommand(const CommonOptions& common, const MatchOptions& options) {
 
   const unsigned jobs =
       options.inspect.jobs ? options.inspect.jobs : std::thread::hardware_concurrency();
+  session.count(0, found.files.size());
   inOrder<InspectedFile>(
       found.files.size(), jobs, [&](size_t i) { return matcher.inspect(found.files[i]); },
       [&](size_t i, InspectedFile&& file) {
