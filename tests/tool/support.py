@@ -137,7 +137,8 @@ class ToolTest(unittest.TestCase):
         return caught >> (signal.SIGINT - 1) & 1
 
     def terminal(self, command, columns=100, environment=None):
-        terminal = Terminal(self.dir / "terminal", command, columns,
+        socket = tempfile.mktemp(prefix="terminal-", dir=self.dir)
+        terminal = Terminal(socket, command, columns,
                             {**self.environment(), "LC_ALL": "C.UTF-8", **(environment or {})},
                             self.dir)
         self.addCleanup(terminal.close)
@@ -148,7 +149,7 @@ class Terminal:
     """A real one, 30 lines high, that shows what a shell command prints."""
 
     def __init__(self, socket, command, columns, environment, directory):
-        self.tmux = ["tmux", "-u", "-S", str(socket), "-f", "/dev/null"]
+        self.tmux = ["tmux", "-u", "-S", socket, "-f", "/dev/null"]
         environment.pop("TMUX", None)
         self.run("new-session", "-d", "-x", str(columns), "-y", "30", command,
                  env=environment, cwd=directory)
