@@ -64,6 +64,15 @@ class CommandLineTest(ToolTest):
             self.assertEqual("", out)
             self.assertIn(message, err)
 
+    def test_every_verb_does_something(self):
+        self.index(self.write("a.txt", text(1)))
+        for arguments in (
+            ["index", "docs"], ["delete", "--id", "1"], ["common", "list"], ["text", "docs/a.txt"],
+            ["sig", "docs/a.txt"], ["list"], ["stats"], ["export"], ["verify"], ["rebuild"],
+        ):  # fmt: skip
+            self.run_tool(*arguments, status=DONE)
+        self.run_tool("watch", "no such directory", status=FAILED)
+
     def test_any_name_can_be_the_name_of_a_file(self):
         for number, name in enumerate(("index", "match", "[a,b]", "--home", "a b\tc", "{}", "%s")):
             document = self.write(name, text(number))

@@ -4,7 +4,7 @@ import gzip
 import json
 import unittest
 
-from support import DONE, FAILED, ToolTest, text, zipped
+from support import DONE, FAILED, TESSERA, ToolTest, text, zipped
 
 
 class SigTest(ToolTest):
@@ -100,7 +100,7 @@ class SigTest(ToolTest):
     def test_text_does_nothing_to_a_terminal(self):
         document = self.write("a.txt", "red \x1b[31m bell \x07 c1 \u009b31m end")
         raw, _ = self.run_tool("text", document, status=DONE)
-        tool = self.terminal(f"'{self.tool}' text '{document}'; sleep 60")
+        tool = self.terminal(f"'{TESSERA}' text '{document}'; sleep 60")
         screen = tool.wait_for("end")
         self.assertIn("red ?[31m bell ? c1 ?31m end", screen)
         self.assertIn("\x1b[31m", raw, "what is not a terminal gets it as it is")

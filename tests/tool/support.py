@@ -55,10 +55,10 @@ def wait_for(condition):
 
 
 class ToolTest(unittest.TestCase):
-    tool = TESSERA
+    scratch_parent = None  # the system's
 
     def setUp(self):
-        scratch = tempfile.TemporaryDirectory(prefix="tessera-tool-")
+        scratch = tempfile.TemporaryDirectory(prefix="tessera-tool-", dir=self.scratch_parent)
         self.addCleanup(scratch.cleanup)
         self.dir = pathlib.Path(os.path.realpath(scratch.name))
         self.home = self.dir / "home"

@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <string>
 
+#include "failure.h"
+
 namespace tool {
 
 inline constexpr char kConfigName[] = "index_sys_config.txt";
@@ -60,6 +62,12 @@ class DirectoryLock {
  private:
   int descriptor_;
   bool held_;
+};
+
+// Another process is at work.
+class IndexInUse : public Failure {
+ public:
+  explicit IndexInUse(const std::filesystem::path& home);
 };
 
 // Whether somebody has the index in the current directory open for writing.

@@ -12,20 +12,6 @@ namespace fs = std::filesystem;
 
 namespace tool {
 
-namespace {
-
-void printSummary(const IndexCounts& counts) {
-  fmt::print("{} {}: {} added, {} replaced, {} unchanged", counts.files,
-             counts.files == 1 ? "file" : "files", counts.added, counts.replaced, counts.unchanged);
-  if (counts.removed) fmt::print(", {} removed", counts.removed);
-  if (counts.too_short) fmt::print(", {} too short", counts.too_short);
-  if (counts.not_inspected) fmt::print(", {} not inspected", counts.not_inspected);
-  if (counts.failed) fmt::print(", {} failed", counts.failed);
-  fmt::print("\n");
-}
-
-}  // namespace
-
 int indexCommand(const CommonOptions& common, const IndexOptions& options) {
   // Both before the current directory changes.
   std::vector<std::string> named = cataloguedPaths(options.files.paths);
@@ -49,7 +35,7 @@ int indexCommand(const CommonOptions& common, const IndexOptions& options) {
   run.finish();
 
   const IndexCounts& counts = run.counts();
-  printSummary(counts);
+  fmt::print("{}\n", summary(counts));
   if (run.wasCutShort() || counts.failed || !found.problems.empty()) return kFailed;
   return counts.not_inspected ? kNotInspected : kDone;
 }

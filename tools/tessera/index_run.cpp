@@ -47,6 +47,20 @@ bool isGone(const std::string& path) {
 
 }  // namespace
 
+std::string summary(const IndexCounts& counts) {
+  std::string text = fmt::format("{} {}: {} added, {} replaced, {} unchanged", counts.files,
+                                 counts.files == 1 ? "file" : "files", counts.added,
+                                 counts.replaced, counts.unchanged);
+  const auto add = [&](size_t count, const char* what) {
+    if (count) text += fmt::format(", {} {}", count, what);
+  };
+  add(counts.removed, "removed");
+  add(counts.too_short, "too short");
+  add(counts.not_inspected, "not inspected");
+  add(counts.failed, "failed");
+  return text;
+}
+
 IndexRun::IndexRun(const CommonOptions& common, const IndexOptions& options, Store* store)
     : store_(store),
       jobs_(options.inspect.jobs ? options.inspect.jobs : processors()),

@@ -29,6 +29,9 @@ struct IndexCounts {
   size_t failed = 0;         // files
 };
 
+// "3 files: 1 added, 0 replaced, 2 unchanged, 1 not inspected"
+std::string summary(const IndexCounts& counts);
+
 class IndexRun {
  public:
   IndexRun(const CommonOptions& common, const IndexOptions& options, Store* store);

@@ -142,9 +142,7 @@ IndexSession::IndexSession() {
   const Listening listening;
   if (InitIndexSystem() == 0) return;
   if (heard("load index sys configuration fail")) throw Failure(malformedConfiguration());
-  if (indexIsOpenElsewhere()) {
-    throw Failure(fmt::format("the index {} is in use by another process", here(kIndexName)));
-  }
+  if (indexIsOpenElsewhere()) throw IndexInUse(std::filesystem::current_path());
   throw Failure(
       fmt::format("cannot open the index {}: {}\n"
                   "Is the disk full or the index damaged? 'tessera rebuild --from-catalogue' "

@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,8 @@ int dispatch(const std::string& verb, const Options& options) {
   if (verb == "rebuild") return rebuildCommand(common, options.rebuild);
   if (verb == "export") return exportCommand(common, options.export_);
   if (verb == "common") return commonCommand(common, options.common);
-  throw Failure(fmt::format("'{}' is not there yet", verb));
+  if (verb == "watch") return watchCommand(common, options.watch);
+  throw std::logic_error("a verb that does nothing: " + verb);
 }
 
 int run(int argc, char** argv) {

@@ -86,13 +86,19 @@ bool isTheSame(const FileEntry& known, const FileEntry& now) {
           std::all_of(known.verdicts.begin(), known.verdicts.end(), wouldComeAgain));
 }
 
+Inspector::Settings inspectorSettings(const Limits& limits) {
+  Inspector::Settings settings;
+  settings.limits = limits;
+  return settings;
+}
+
 }  // namespace
 
 FileOpener::FileOpener(const Settings& settings)
     : settings_(settings),
       opened_by_(describe(settings.limits)),
       fingerprinter_(settings.selection),
-      inspector_({.limits = settings.limits}) {}
+      inspector_(inspectorSettings(settings.limits)) {}
 
 // The hash is taken before the file is opened. Should the file change in between, the
 // catalogue has the hash of what is not there any more, and the next run opens it again.

@@ -20,7 +20,7 @@ void rebuildTables() {
     case TESSERA_STORE_OK:
       return;
     case TESSERA_STORE_IN_USE:
-      throw Failure("the index is in use by another process");
+      throw IndexInUse(std::filesystem::current_path());
     case TESSERA_STORE_DAMAGED:
       throw Failure(
           "the index itself is damaged\n"

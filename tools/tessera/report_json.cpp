@@ -1,16 +1,14 @@
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "names.h"
+#include "records.h"
 #include "report.h"
 
 namespace tool {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 // A change that a reader of the records has to know of is a new schema.
 constexpr char kSchema[] = "tessera-match-1";
@@ -81,7 +79,7 @@ class JsonReporter : public Reporter {
         record["encoding"] = query.encoding;
         record["form"] = formName(query.form);
         record["size"] = query.size;
-        record["sha256"] = fmt::format("{:02x}", fmt::join(query.sha256, ""));
+        record["sha256"] = hexadecimal(query.sha256);
         record["signatures"] = query.signatures;
         record["common_signatures"] = query.common;
       }

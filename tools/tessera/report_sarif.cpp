@@ -1,16 +1,14 @@
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
 #include <string_view>
 
 #include "names.h"
+#include "records.h"
 #include "report.h"
 
 namespace tool {
 
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 std::string fileUri(const std::string& path) {
   std::string uri = "file://";
@@ -53,14 +51,13 @@ Json passagesOf(const Passages& passages) {
 Json resultOf(const InspectedFile& file, const Query& query, const Finding& finding) {
   static constexpr const char* kLevels[] = {"note", "warning", "error"};
   const Match& match = finding.match;
-  Json result = {
-      {"ruleId", fmt::format("level-{}", match.level)},
-      {"ruleIndex", match.level},
-      {"level", kLevels[match.level]},
-      {"message", message(fmt::format("shares {} of {} signatures with {}", match.hits,
-                                      query.signatures, shownName(finding.name())))},
-      {"locations", Json::array({locationOf(file, query)})},
-      {"partialFingerprints", {{"sha256/v1", fmt::format("{:02x}", fmt::join(query.sha256, ""))}}}};
+  Json result = {{"ruleId", fmt::format("level-{}", match.level)},
+                 {"ruleIndex", match.level},
+                 {"level", kLevels[match.level]},
+                 {"message", message(fmt::format("shares {} of {} signatures with {}", match.hits,
+                                                 query.signatures, shownName(finding.name())))},
+                 {"locations", Json::array({locationOf(file, query)})},
+                 {"partialFingerprints", {{"sha256/v1", hexadecimal(query.sha256)}}}};
   Json& properties = result["properties"];
   properties["fileId"] = match.file_id;
   properties["document"] = shownName(finding.name());

@@ -1,7 +1,6 @@
 // "tessera sig": the signatures of files. Tests: tests/tool/sig_test.py.
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,20 +10,9 @@
 #include "fingerprint.h"
 #include "home.h"
 #include "opened_parts.h"
+#include "records.h"
 
 namespace tool {
-
-namespace {
-
-std::vector<std::string> hexadecimal(const SignatureList& signatures) {
-  std::vector<std::string> lines;
-  for (const Signature& signature : signatures) {
-    lines.push_back(fmt::format("{:02x}", fmt::join(signature, "")));
-  }
-  return lines;
-}
-
-}  // namespace
 
 int sigCommand(const CommonOptions& common, const SigOptions& options) {
   OpenedParts parts(options.files, common.home, options.inspect);
@@ -34,12 +22,13 @@ int sigCommand(const CommonOptions& common, const SigOptions& options) {
 
   Headings headings(options.files.size() > 1);
   const bool whole = parts.each([&](const std::string& name, const Part& part) {
-    const std::vector<std::string> lines = hexadecimal(fingerprinter->signatures(part));
+    std::vector<std::string> lines;
+    for (const Signature& signature : fingerprinter->signatures(part)) {
+      lines.push_back(hexadecimal(signature));
+    }
     if (options.json) {
-      const nlohmann::ordered_json record = {
-          {"name", name},
-          {"selection", options.selection == Selection::kFull ? "full" : "sparse"},
-          {"signatures", lines}};
+      const Json record = {
+          {"name", name}, {"selection", selectionName(options.selection)}, {"signatures", lines}};
       fmt::print("{}\n", record.dump());
       return;
     }

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <system_error>
 
-#include "failure.h"
 #include "names.h"
 
 namespace fs = std::filesystem;
@@ -65,10 +64,7 @@ Store::Store(const fs::path& home, Missing missing) : home_(home) {
   createHome(home);
   enterHome(home);
   lock_.emplace(home, DirectoryLock::Kind::kExclusiveOrNothing);
-  if (!lock_->held()) {
-    throw Failure(fmt::format("the index {} is in use by another process",
-                              shownName((home / kIndexName).native())));
-  }
+  if (!lock_->held()) throw IndexInUse(home);
   index_was_there_ = hasIndex(home);
   if (index_was_there_ && !has_catalogue) {
     // Its file IDs belong to documents that nobody knows any more; to hand the
@@ -125,10 +121,7 @@ void Store::finish() {
 }
 
 void Store::rebuild() {
-  if (indexIsOpenElsewhere()) {
-    throw Failure(fmt::format("the index {} is in use by another process",
-                              shownName((home_ / kIndexName).native())));
-  }
+  if (indexIsOpenElsewhere()) throw IndexInUse(home_);
   fs::create_directory(kRebuildName);
   fs::copy_file(kConfigName, fs::path(kRebuildName) / kConfigName);
   enterHome(home_ / kRebuildName);

@@ -34,7 +34,7 @@ class Store {
     kRefuse,  // without an index there is nothing to change
   };
 
-  // Throws Failure when another process is at work, or nobody could be.
+  // Throws IndexInUse, or Failure when nobody could be at work.
   Store(const std::filesystem::path& home, Missing missing);
 
   Catalogue& catalogue() { return *catalogue_; }

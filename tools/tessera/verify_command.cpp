@@ -64,7 +64,7 @@ void verifyIndex(Findings* findings) {
           "the index cannot be verified: its configuration cannot be read, or memory "
           "ran out");
     case TESSERA_STORE_IN_USE:
-      throw Failure("the index is in use by another process");
+      throw IndexInUse(fs::current_path());
     default:
       break;
   }
@@ -97,7 +97,7 @@ int verifyCommand(const CommonOptions& common, const VerifyOptions& options) {
   const auto catalogue = openCatalogue(common.home);
   enterHome(common.home);
   const DirectoryLock lock(common.home, DirectoryLock::Kind::kExclusiveOrNothing);
-  if (!lock.held()) throw Failure("the index is in use by another process");
+  if (!lock.held()) throw IndexInUse(common.home);
 
   Findings findings(options.json);
   verifyCatalogue(*catalogue, &findings);
