@@ -7,6 +7,7 @@ CTest runs each test by itself. By hand, for all tests of a file or some:
 """
 
 import contextlib
+import io
 import os
 import pathlib
 import random
@@ -17,6 +18,7 @@ import subprocess
 import tempfile
 import time
 import unittest
+import zipfile
 
 TESSERA = os.path.abspath(os.environ["TESSERA"])
 
@@ -36,6 +38,15 @@ def text(seed, words=3000):
         line = ["".join(source.choices(letters, k=source.randint(3, 9))) for _ in range(10)]
         lines.append(" ".join(line).capitalize() + ".")
     return "\n".join(lines) + "\n"
+
+
+def zipped(members):
+    """An archive of names and contents."""
+    archive = io.BytesIO()
+    with zipfile.ZipFile(archive, "w", zipfile.ZIP_DEFLATED) as file:
+        for name, content in members:
+            file.writestr(name, content)
+    return archive.getvalue()
 
 
 def wait_for(condition):
@@ -64,13 +75,13 @@ class ToolTest(unittest.TestCase):
     def environment(self):
         return {**os.environ, "TESSERA_HOME": str(self.home), "LC_ALL": "C"}
 
-    def run_tool(self, *arguments, status, environment=None, cwd=None):
+    def run_tool(self, *arguments, status, environment=None, cwd=None, stdin=b""):
         """Runs the command, checks its status, returns (stdout, stderr)."""
         done = subprocess.run(
             [TESSERA, *arguments],
             cwd=cwd or self.dir,
             env=environment or self.environment(),
-            stdin=subprocess.DEVNULL,
+            input=stdin,
             capture_output=True,
             timeout=120,
         )
@@ -98,7 +109,8 @@ class ToolTest(unittest.TestCase):
     def matches(self, *files, status=MATCHED, options=()):
         """The (level, name) pairs that a match of one file prints."""
         out, _ = self.run_tool("match", *options, *files, status=status)
-        return [(int(level), name) for level, name in re.findall(r"^  level (\d)  (.*)$", out, re.M)]
+        line = r"^  level (\d)  (.*)  \(\d+ of \d+ signatures?\)"
+        return [(int(level), name) for level, name in re.findall(line, out, re.M)]
 
     @contextlib.contextmanager
     def catalogue(self):
@@ -124,3 +136,41 @@ class ToolTest(unittest.TestCase):
         status = pathlib.Path(f"/proc/{process.pid}/status").read_text()
         caught = int(re.search(r"^SigCgt:\s*(\w+)", status, re.M)[1], 16)
         return caught >> (signal.SIGINT - 1) & 1
+
+    def terminal(self, command, columns=100, environment=None):
+        socket = tempfile.mktemp(prefix="terminal-", dir=self.dir)
+        terminal = Terminal(socket, command, columns,
+                            {**self.environment(), "LC_ALL": "C.UTF-8", **(environment or {})},
+                            self.dir)
+        self.addCleanup(terminal.close)
+        return terminal
+
+
+class Terminal:
+    """A real one, 30 lines high, that shows what a shell command prints."""
+
+    def __init__(self, socket, command, columns, environment, directory):
+        self.tmux = ["tmux", "-u", "-S", socket, "-f", "/dev/null"]
+        environment.pop("TMUX", None)
+        self.run("new-session", "-d", "-x", str(columns), "-y", "30", command,
+                 env=environment, cwd=directory)
+
+    def run(self, *arguments, **options):
+        return subprocess.run([*self.tmux, *arguments], check=True, capture_output=True,
+                              text=True, timeout=60, **options).stdout
+
+    def type(self, text):
+        self.run("send-keys", "-l", "--", text)
+
+    def press(self, key):
+        self.run("send-keys", key)
+
+    def screen(self, colours=False):
+        return self.run("capture-pane", "-p", *(["-e"] if colours else []))
+
+    def wait_for(self, text):
+        wait_for(lambda: text in self.screen())
+        return self.screen()
+
+    def close(self):
+        subprocess.run([*self.tmux, "kill-server"], check=False, capture_output=True)

@@ -6,6 +6,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,7 @@ int dispatch(const std::string& verb, const Options& options) {
   if (verb == "index") return indexCommand(common, options.index);
   if (verb == "match") return matchCommand(common, options.match);
   if (verb == "sig") return sigCommand(common, options.sig);
+  if (verb == "text") return textCommand(common, options.text);
   if (verb == "delete") return deleteCommand(common, options.remove);
   if (verb == "list") return listCommand(common, options.list);
   if (verb == "stats") return statsCommand(common, options.stats);
@@ -44,7 +46,7 @@ int dispatch(const std::string& verb, const Options& options) {
   if (verb == "export") return exportCommand(common, options.export_);
   if (verb == "common") return commonCommand(common, options.common);
   if (verb == "watch") return watchCommand(common, options.watch);
-  throw Failure(fmt::format("'{}' is not there yet", verb));
+  throw std::logic_error("a verb that does nothing: " + verb);
 }
 
 int run(int argc, char** argv) {
@@ -78,7 +80,7 @@ int main(int argc, char** argv) {
     std::fflush(stdout);
     tool::complain(failure.what());
   }
-  if (std::fflush(stdout) != 0) {
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
     tool::complain("cannot write the output");
     status = tool::kFailed;
   }

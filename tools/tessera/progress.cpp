@@ -18,6 +18,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kBarEvery{100};
 constexpr std::chrono::milliseconds kJsonEvery{500};
+constexpr std::chrono::duration<double> kFirstRate{0.5};  // what is told earlier leaps about
 
 bool isTerminal() {
   const char* kind = std::getenv("TERM");
@@ -75,7 +76,8 @@ void Progress::begin(const std::string& phase) {
 
 void Progress::print(size_t done, size_t total) {
   const double seconds = std::chrono::duration<double>(Clock::now() - begun_).count();
-  const double per_second = seconds > 0 ? static_cast<double>(done) / seconds : 0;
+  const double per_second =
+      seconds < kFirstRate.count() ? 0 : static_cast<double>(done) / seconds;  // 0: not known yet
   const double left = per_second > 0 ? static_cast<double>(total - done) / per_second : 0;
   if (form_ == Form::kBar) return printBar(done, total, per_second, left);
 
@@ -83,6 +85,8 @@ void Progress::print(size_t done, size_t total) {
   if (total) {
     line["done"] = done;
     line["total"] = total;
+  }
+  if (per_second > 0) {
     line["per_second"] = std::round(per_second * 10) / 10;
     line["seconds_left"] = static_cast<uint64_t>(left);
   }
@@ -95,10 +99,13 @@ void Progress::printBar(size_t done, size_t total, double per_second, double lef
   const size_t width = terminalWidth() - 1;
   std::string line = phase_;
   if (total) {
-    const std::string figures =
-        fmt::format("{:3} %  {} of {}  {:.{}f} a second  {} left", 100 * done / total, done, total,
-                    per_second, per_second < 10 ? 1 : 0, clockTime(left));
-    const size_t taken = phase_.size() + figures.size() + 5;
+    std::string figures = fmt::format("{:3} %  {} of {}", 100 * done / total, done, total);
+    if (per_second > 0) {
+      figures += fmt::format("  {:.{}f} a second  {} left", per_second, per_second < 10 ? 1 : 0,
+                             clockTime(left));
+    }
+    constexpr size_t kLongestFigures = 45;  // the bar keeps its length when a rate joins them
+    const size_t taken = phase_.size() + 5 + std::max(figures.size(), kLongestFigures);
     if (taken + 10 <= width) {
       const size_t room = std::min<size_t>(width - taken, 40);
       const size_t full = room * done / total;

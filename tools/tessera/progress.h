@@ -2,7 +2,7 @@
 // is a terminal, JSON lines when they are asked for, nothing otherwise.
 //
 // A JSON line: {"phase":"Indexing","done":17,"total":600,"per_second":34.0,
-// "seconds_left":18}; total and what follows from it are missing where it is not known.
+// "seconds_left":18}; figures that are not known are missing.
 // Tests: tests/tool/progress_test.py.
 #pragma once
 

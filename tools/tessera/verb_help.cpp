@@ -39,7 +39,8 @@ const std::vector<VerbHelp>& allHelp() {
        "The selection \"full\" finds single paragraphs. \"sparse\" takes about an eighth of the "
        "room and finds documents that share a good part of their text.",
        "0  everything was indexed\n"
-       "2  something could not be indexed; the rest was",
+       "2  something could not be found, read or indexed; the rest was\n"
+       "3  everything was indexed, but for what could not be inspected",
        {{"tessera index ~/contracts ~/plans/2024.pdf", ""},
         {"tessera index --label board --prune /srv/board", "a folder, kept up to date by a timer"},
         {"find . -newer last -print0 | tessera index -0 --files-from -", "what find has found"}}},
