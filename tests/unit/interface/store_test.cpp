@@ -298,10 +298,13 @@ TEST_F(Store, LostTablesAreWrittenAnewWithoutABatch) {
   EXPECT_EQ(commits, figures_.commits);
 }
 
-TEST_F(Store, LostMetaDataComesBackWithTheTables) {
+TEST_F(Store, LostOrDamagedMetaDataComesBackWithTheTables) {
   change(0, 20);
   const Files sound = files();
   fs::remove(std::string(kIndex) + "meta_data.bin");
+  EXPECT_EQ(TESSERA_STORE_OK, tessera_rebuild_tables());
+  EXPECT_TRUE(sound == files());
+  flip("meta_data.bin", 1);  // the tables must not take over another base
   EXPECT_EQ(TESSERA_STORE_OK, tessera_rebuild_tables());
   EXPECT_TRUE(sound == files());
   for (const char* const name : {"meta_data.bin", "search_table.wmeta", "search_table.smeta"}) {
