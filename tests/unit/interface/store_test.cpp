@@ -255,7 +255,7 @@ TEST_F(Store, ATableNearALimitIsWarnedOf) {
   change(0, 20);
   expectSound();
   EXPECT_EQ(0x80000000u, figures_.addition_limit);
-  const auto limit = [this](uint64_t bytes) { setMaxStblSize(static_cast<unsigned int>(bytes)); };
+  const auto limit = [](uint64_t bytes) { setMaxStblSize(static_cast<unsigned int>(bytes)); };
   const uint64_t size = figures_.strong_table_bytes;
   limit(size * 4 / 3 + 1);
   expectSound();
