@@ -349,7 +349,7 @@ TEST_F(Store, WithoutAConfigurationNothingIsLookedAt) {
   EXPECT_EQ(TESSERA_STORE_FAILED, tessera_rebuild_tables());
   EXPECT_EQ(TESSERA_STORE_FAILED, tessera_rebuild_trees(TESSERA_FROM_TREE));
   EXPECT_EQ(Lines{}, findings_);
-  EXPECT_EQ("load index sys configuration fail", log_.messages().back());
+  EXPECT_EQ("open config file index_sys_config.txt fail", log_.messages().back());
 }
 
 TEST_F(Store, ATableThatCannotBeWrittenIsAFailure) {
