@@ -331,6 +331,11 @@ TEST_F(Store, TablesAreNotWrittenFromDamagedTreesWhichAreMendedFirst) {
   expectSound();
   EXPECT_EQ(61u, figures_.documents);
   EXPECT_EQ(TESSERA_STORE_FAILED, tessera_rebuild_trees(2));
+
+  flip("search_table.stbl", 0);
+  EXPECT_EQ(TESSERA_STORE_DAMAGED, tessera_rebuild_trees(TESSERA_FROM_TABLE)) << "out of order";
+  dir_.write(std::string(kIndex) + "search_table.stbl", "");
+  EXPECT_EQ(TESSERA_STORE_DAMAGED, tessera_rebuild_trees(TESSERA_FROM_TABLE)) << "empty";
 }
 
 TEST_F(Store, WithoutAnIndexNothingIsMade) {
