@@ -18,7 +18,8 @@ struct Limits {
 // The first MiB is free: small and blank is no bomb.
 constexpr bool beyondRatio(const Limits& limits, uint64_t expanded, uint64_t compressed) {
   constexpr uint64_t kFree = 1 << 20;
-  return expanded > kFree && (expanded - kFree) / (limits.ratio > 0 ? limits.ratio : 1) > compressed;
+  return expanded > kFree &&
+         (expanded - kFree) / (limits.ratio > 0 ? limits.ratio : 1) > compressed;
 }
 
 }  // namespace tool

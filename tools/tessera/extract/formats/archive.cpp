@@ -30,9 +30,11 @@ bool endsArchive(Reason reason) {
   return reason == Reason::kTimeLimit || reason == Reason::kMemberLimit;
 }
 
-void parseArchive(std::string_view content, ArchiveReader::Kind kind, Document& document) {
+// Returns the number of entries, read or not.
+size_t parseArchive(std::string_view content, ArchiveReader::Kind kind, Document& document) {
   ArchiveReader reader(content, kind);
-  while (reader.next()) {
+  size_t entries = 0;
+  for (; reader.next(); ++entries) {
     document.checkTime();
     if (!reader.regularFile()) continue;
     const std::string name = entryName(reader, document);
@@ -47,6 +49,7 @@ void parseArchive(std::string_view content, ArchiveReader::Kind kind, Document& 
     }
     document.member(name, member);
   }
+  return entries;
 }
 
 }  // namespace
@@ -60,7 +63,10 @@ void parseSevenZip(std::string_view content, Document& document) {
 }
 
 void parseTarOrCompressed(std::string_view content, Document& document) {
-  parseArchive(content, ArchiveReader::Kind::kTarOrCompressed, document);
+  // A file that begins with zeros is an empty tar to whoever looks for one.
+  if (parseArchive(content, ArchiveReader::Kind::kTarOrCompressed, document) == 0) {
+    parseArchive(content, ArchiveReader::Kind::kCompressed, document);
+  }
 }
 
 }  // namespace tool

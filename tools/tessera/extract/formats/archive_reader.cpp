@@ -26,6 +26,11 @@ void support(archive* reader, ArchiveReader::Kind kind) {
       archive_read_support_format_7zip(reader);
       return;
     case ArchiveReader::Kind::kTarOrCompressed:
+      archive_read_support_format_tar(reader);
+      // What stands behind the end of a tar may be another one.
+      archive_read_set_format_option(reader, "tar", "read_concatenated_archives", "1");
+      [[fallthrough]];
+    case ArchiveReader::Kind::kCompressed:
       archive_read_support_filter_gzip(reader);
       archive_read_support_filter_bzip2(reader);
       archive_read_support_filter_xz(reader);
@@ -33,7 +38,6 @@ void support(archive* reader, ArchiveReader::Kind kind) {
       archive_read_support_filter_lzip(reader);
       archive_read_support_filter_compress(reader);
       archive_read_support_filter_zstd(reader);
-      archive_read_support_format_tar(reader);
       archive_read_support_format_raw(reader);
       archive_read_support_format_empty(reader);
       return;
@@ -98,6 +102,14 @@ std::string ArchiveReader::read(const Document& document) {
   }
 }
 
+std::string ArchiveReader::readBeginning(size_t bytes) {
+  std::string content(bytes, '\0');
+  const la_ssize_t got = archive_read_data(archive_.get(), content.data(), bytes);
+  if (got < 0) fail();
+  content.resize(static_cast<size_t>(got));
+  return content;
+}
+
 void ArchiveReader::skip(const Document& document) {
   const int format = archive_format(archive_.get()) & ARCHIVE_FORMAT_BASE_MASK;
   if (format == ARCHIVE_FORMAT_ZIP) return;  // next() goes straight to the next entry
@@ -110,7 +122,7 @@ void ArchiveReader::skip(const Document& document) {
     if (size == 0) return;
     expanded += size;
     if (beyondRatio(document.limits(), expanded, consumed())) {
-      throw NotInspected(Reason::kRatioLimit, "");
+      throw NotInspected(Reason::kRatioLimit, "what follows cannot be reached within the limits");
     }
     document.checkTime();
   }

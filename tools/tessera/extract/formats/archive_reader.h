@@ -20,6 +20,7 @@ class ArchiveReader {
     kZip,
     kSevenZip,
     kTarOrCompressed,  // a tar, compressed or not, or one compressed file
+    kCompressed,       // one compressed file, even if it looks like a tar
   };
 
   // `content` outlives the reader.
@@ -39,6 +40,9 @@ class ArchiveReader {
   // The content of the entry. Throws NotInspected when it is encrypted, damaged or
   // beyond a limit; next() may go on all the same.
   std::string read(const Document& document);
+
+  // At most `bytes` of it.
+  std::string readBeginning(size_t bytes);
 
   // Gets past an entry that is not read. What cannot be skipped without expanding it
   // is held to the ratio limit.

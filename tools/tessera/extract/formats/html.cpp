@@ -280,7 +280,7 @@ std::string xhtmlText(std::string_view bytes, const Limits& limits) {
 }
 
 void parseHtml(std::string_view content, Document& document) {
-  document.text(htmlText(content, {}, document.limits()));
+  document.text(htmlText(content, document.charset(), document.limits()));
 }
 
 }  // namespace tool

@@ -149,8 +149,6 @@ class Message {
     } else if (isType(object, "application", "pkcs7-mime") ||
                isType(object, "application", "x-pkcs7-mime")) {
       readCms(object, content, depth);
-    } else if (content.compare(0, 4, "\x78\x9f\x3e\x22") == 0) {
-      document_.lostMember(name(object), Reason::kUnsupported, "a winmail.dat attachment");
     } else {
       document_.member(name(object), content, charset(object));
     }

@@ -110,7 +110,7 @@ class Run {
     auto* const run = static_cast<Run*>(self);
     if (is_parameter != 0) return;
     run->guarded([&] {
-      std::string text = htmlText("&" + std::string(name) + ";", "UTF-8", run->limits_);
+      std::string text = htmlText(std::string("&").append(name).append(";"), "UTF-8", run->limits_);
       if (!text.empty() && text.back() == '\n') text.pop_back();
       run->handler_.text(text);
     });
