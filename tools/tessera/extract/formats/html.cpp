@@ -42,8 +42,17 @@ void addLine(std::string_view line, std::string* text) {
   if (!line.empty()) text->append(line).append("\n");
 }
 
+bool atLineStart(const std::string& text) { return text.empty() || text.back() == '\n'; }
+
 void addBreak(std::string* text) {
-  if (!text->empty() && text->back() != '\n') *text += '\n';
+  if (!atLineStart(*text)) *text += '\n';
+}
+
+// What only indents the page is left out.
+void addText(std::string_view utf8, std::string* text) {
+  if (atLineStart(*text))
+    utf8.remove_prefix(std::min(utf8.find_first_not_of(" \t\r\n"), utf8.size()));
+  *text += utf8;
 }
 
 // ---- gumbo, kept within limits
@@ -167,7 +176,7 @@ class Walk {
       case GUMBO_NODE_TEXT:
       case GUMBO_NODE_CDATA:
       case GUMBO_NODE_WHITESPACE:
-        text_ += node->v.text.text;
+        addText(node->v.text.text, &text_);
         break;
       case GUMBO_NODE_ELEMENT:
         visitElement(node);
@@ -240,7 +249,7 @@ class XhtmlText : public XmlHandler {
   }
 
   void text(std::string_view utf8) override {
-    if (skipped_ == 0) text_ += utf8;
+    if (skipped_ == 0) addText(utf8, &text_);
   }
 
   std::string take() {

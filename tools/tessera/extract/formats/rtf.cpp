@@ -7,6 +7,7 @@
 #include <cctype>
 #include <charconv>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -244,6 +245,7 @@ class Rtf {
     int value = 0;
     const auto number = std::from_chars(rest_.data(), rest_.data() + rest_.size(), value);
     const bool has_value = number.ptr != rest_.data();
+    if (number.ec == std::errc::result_out_of_range) value = std::numeric_limits<int>::max();
     rest_.remove_prefix(static_cast<size_t>(number.ptr - rest_.data()));
     if (!rest_.empty() && rest_.front() == ' ') rest_.remove_prefix(1);
     const bool is_optional = is_optional_;
