@@ -54,8 +54,8 @@ void readAttachment(size_t number, const std::string& name, std::string_view con
 }  // namespace
 
 void parsePdf(std::string_view content, Document& document) {
-  const HelperResult result =
-      runHelper({"pdftotext", "-enc", "UTF-8", "-nopgbrk", kHelperInput, "-"}, content, document);
+  const HelperResult result = runHelper(
+      {"pdftotext", "-enc", "UTF-8", "-nopgbrk", "-raw", kHelperInput, "-"}, content, document);
   document.text(result.output);
   if (result.exit_status != 0) fail(result);
   const auto names = attachedFiles(content, document);
