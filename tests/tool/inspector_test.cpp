@@ -141,7 +141,8 @@ TEST_F(InspectorTest, ManyThreadsGetTheirOwnAnswers) {
     threads.emplace_back([this, thread, &inspector] {
       for (int i = 0; i < 20; ++i) {
         const std::string text = std::string("document ").append(std::to_string(100 * thread + i));
-        const Parts parts = inspect(&inspector, text, std::string("t").append(std::to_string(thread)));
+        const Parts parts =
+            inspect(&inspector, text, std::string("t").append(std::to_string(thread)));
         ASSERT_EQ(1u, parts.size());
         EXPECT_EQ(text, parts[0].content);
       }
