@@ -253,6 +253,26 @@ seed("exports", "pieces_of_one", CONFIGURE, 2, 0, 3, INIT_INDEX, document(1, 1, 
      document(2, 3, 4), document(1, 5), document(3, 1), document(4, 7), ERASE, 1, 2, EXIT_INDEX, INIT_MATCH,
      match(1, 2, 3, 7))
 
+# ---- canonical_text: length of the declared label; label; bytes
+
+GERMAN = "Größe „über“ – Maß… weiß " * 4
+RUSSIAN = "Правление решило, что договоры будут храниться в сейфе. " * 4
+JAPANESE = "取締役会は、すべての契約書を金庫に保管することを決定した。" * 3
+for label, text in (("utf-8", GERMAN), ("windows-1252", GERMAN), ("koi8-r", RUSSIAN.replace("–", "-")),
+                    ("windows-1251", RUSSIAN), ("shift_jis", JAPANESE), ("gb18030", JAPANESE),
+                    ("iso2022_jp", JAPANESE), ("utf-7", GERMAN), ("utf-16-le", GERMAN)):
+    name = label.replace("-", "_")
+    seed("canonical_text", f"{name}_declared", len(label), label, text.encode(label))
+    seed("canonical_text", f"{name}_guessed", 0, text.encode(label))
+for encoding in ("utf-8-sig", "utf-16", "utf-32"):
+    seed("canonical_text", f"mark_of_{encoding.replace('-', '_')}", 0, GERMAN.encode(encoding))
+seed("canonical_text", "accents_out_of_order", 0, "a" + "\u0301\u0316\u0f73\u0344" * 30)
+seed("canonical_text", "invisible_between_letter_and_accent", 0, "e\u200b\u00ad\u034f\u0301 \ufb01\u0301")
+seed("canonical_text", "signs_that_are_folded", 0,
+     "«a» ‚b‘ c – d … • © ½ → ĳ ﬃ Ａ～　\u2028\u2029\u0085\r\n\r\u1ffd\u0387")
+seed("canonical_text", "malformed", 0, b"a\xff\xc0\x80\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82")
+seed("canonical_text", "jamo", 0, "\u1100" * 20 + "\u1161" * 20 + "\u11a8" * 20)
+
 # ---- extract_html, extract_xml, extract_mail, extract_rtf: the document itself
 
 seed("extract_html", "page", "<!DOCTYPE html><html><head><title>T</title><meta charset=koi8-r>"

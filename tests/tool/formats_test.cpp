@@ -921,7 +921,7 @@ TEST(PdfFormat, APasswordAndDamageAreTold) {
   EXPECT_EQ(Reason::kDamaged, parsed(parsePdf, "%PDF-1.4\nnothing of that kind").reason);
 }
 
-TEST(PdfFormat, AttachedFilesAreMembers) {
+TEST(PdfFormat, AttachedFilesAreTold) {
   const auto document =
       parsed(parsePdf, pdf("BT /F 12 Tf 50 700 Td (Some words) Tj ET",
                            "5 0 obj<</Type/Filespec/F(cat.txt)/EF<</F 6 0 R>>>>endobj\n"
@@ -929,7 +929,7 @@ TEST(PdfFormat, AttachedFilesAreMembers) {
                            "", "/Names<</EmbeddedFiles<</Names[(cat.txt) 5 0 R]>>>>"));
   ASSERT_EQ(1u, document.members.size());
   EXPECT_EQ("cat.txt", document.members[0].name);
-  EXPECT_EQ("Cat", words(document.members[0].content));
+  EXPECT_EQ(Reason::kUnsupported, document.members[0].reason);
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ using std::chrono::seconds;
 
 constexpr seconds kStartTime{30};  // under load
 // An extractor that still works tells itself that the time is over, and what it got.
-constexpr seconds kGrace{3};
+constexpr seconds kGrace{2};
 
 // posix_spawn() and what it needs.
 class Spawn {

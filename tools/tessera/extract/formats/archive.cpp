@@ -44,7 +44,7 @@ size_t parseArchive(std::string_view content, ArchiveReader::Kind kind, Document
     } catch (const NotInspected& failure) {
       if (endsArchive(failure.reason)) throw;
       document.lostMember(name, failure.reason, failure.what());
-      reader.skip(document);
+      if (!reader.singleFile()) reader.skip(document);
       continue;
     }
     document.member(name, member);

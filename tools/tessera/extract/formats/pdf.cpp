@@ -39,18 +39,6 @@ std::vector<std::string> attachedFiles(std::string_view content, const Document&
   return names;
 }
 
-void readAttachment(size_t number, const std::string& name, std::string_view content,
-                    Document& document) {
-  const HelperResult result = runHelper(
-      {"pdfdetach", "-save", std::to_string(number), "-o", "/proc/self/fd/1", kHelperInput},
-      content, document);
-  if (result.exit_status == 0) {
-    document.member(name, result.output);
-  } else {
-    document.lostMember(name, Reason::kDamaged, "pdfdetach cannot read it");
-  }
-}
-
 }  // namespace
 
 void parsePdf(std::string_view content, Document& document) {
@@ -58,8 +46,9 @@ void parsePdf(std::string_view content, Document& document) {
       {"pdftotext", "-enc", "UTF-8", "-nopgbrk", "-raw", kHelperInput, "-"}, content, document);
   document.text(result.output);
   if (result.exit_status != 0) fail(result);
-  const auto names = attachedFiles(content, document);
-  for (size_t i = 0; i < names.size(); ++i) readAttachment(i + 1, names[i], content, document);
+  for (const std::string& name : attachedFiles(content, document)) {
+    document.lostMember(name, Reason::kUnsupported, "a file attached to a PDF");
+  }
   if (!hasWords(result.output)) {
     throw NotInspected(Reason::kUnsupported, "no text: a scanned document?");
   }

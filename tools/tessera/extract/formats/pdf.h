@@ -1,5 +1,7 @@
-// PDF, by the programs pdftotext and, for the files attached to it, pdfdetach. A document
-// without any text is most likely scanned: it is reported and never passes for inspected.
+// PDF, by the program pdftotext. A document without any text is most likely scanned: it is
+// reported and never passes for inspected. So are the files attached to it, by their names:
+// pdfdetach lists them, but gives their content only to files that it writes, which
+// nothing in an extractor may.
 // Tests: tests/tool/formats_test.cpp.
 #pragma once
 
