@@ -12,6 +12,7 @@
 #include "extract/formats/odf.h"
 #include "extract/formats/ole.h"
 #include "extract/formats/ooxml.h"
+#include "extract/formats/ppt.h"
 
 namespace {
 
@@ -55,6 +56,7 @@ void readCompoundFile(std::string_view content) {
     for (const char* const name : {"Workbook", "Package", "\1Ole10Native"}) {
       const auto stream = file.stream(name, content.size());
       FUZZ_CHECK(!stream || stream->size() <= content.size());
+      if (stream) tool::pptText(*stream);
     }
   } catch (const tool::NotInspected&) {
   }

@@ -583,6 +583,14 @@ TEST(XlsxFormat, InlineStringsAndCommentsCount) {
                       .said));
 }
 
+TEST(XlsxFormat, HeadersAreReadWithoutTheirCodes) {
+  EXPECT_EQ("Second Prices Draft of 3 x",
+            words(parsed(parseOoxml, xlsx("",
+                                          "<row/><oddHeader>&amp;C&amp;\"Arial,Bold\"&amp;12Draft "
+                                          "&amp;KFF0000of 3 &amp;Px&amp;\"</oddHeader>"))
+                      .said));
+}
+
 TEST(XlsxFormat, AStringInTooManyCellsIsStopped) {
   const auto bomb = parsed(parseOoxml, xlsx("<si><t>" + repeated("x", 100'000) + "</t></si>",
                                             repeated("<c t='s'><v>0</v></c>", 10'000)));
@@ -866,6 +874,35 @@ TEST(OldOfficeFormat, PasswordsAreTold) {
 
 TEST(OldOfficeFormat, AnUnknownKindIsTold) {
   EXPECT_EQ(Reason::kUnsupported, reasonOf(compound({{"__properties_version1.0", ""}})));
+}
+
+std::string record(uint32_t type, const std::string& content, bool has_records = false) {
+  std::string bytes(8, '\0');
+  bytes[0] = has_records ? '\xf' : '\0';
+  bytes[2] = static_cast<char>(type);
+  bytes[3] = static_cast<char>(type >> 8);
+  put(&bytes, 4, static_cast<uint32_t>(content.size()));
+  return bytes + content;
+}
+
+TEST(PptFormat, TextOfSlidesIsReadInBothItsEncodings) {
+  const std::string slide =
+      record(0x3ee, record(0xfa8, "caf\xe9\rtwo") + record(0xfa0, "\x1f\x04\x0b\0x\0"s), true);
+  EXPECT_EQ(
+      "caf\u00e9\ntwo\n\u041f\nx\n",
+      parsed(parseOldOffice, compound({{"PowerPoint Document", record(0x3e8, slide, true)}})).said);
+}
+
+TEST(PptFormat, PromptsOfMastersAreLeftOut) {
+  const auto shape = [](const std::string& content) { return record(0xf004, content, true); };
+  const std::string prompt = shape(record(0xbc3, "") + record(0xfa8, "Click to edit"));
+  EXPECT_EQ(
+      "Confidential\nClick to edit\n",
+      parsed(
+          parseOldOffice,
+          compound({{"PowerPoint Document",
+                     record(0x3f8, prompt + shape(record(0xfa8, "Confidential")), true) + prompt}}))
+          .said);
 }
 
 TEST(OldOfficeFormat, AFileEmbeddedAsAWholeIsAMember) {

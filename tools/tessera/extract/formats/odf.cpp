@@ -62,12 +62,15 @@ class OdfText : public XmlHandler {
 
   static bool isAside(std::string_view name) {
     return name == "note" || name == "annotation" || name == "text-box" || name == "frame" ||
-           name == "tracked-changes" || name == "notes" || name == "title" || name == "desc";
+           name == "tracked-changes" || name == "notes";
   }
 
-  // What is no text, or no other in every place: a picture, a page number.
+  // What is no text, or another one in every place: pictures and what they are called,
+  // numbers of pages.
   static bool isSkipped(std::string_view name) {
-    return name == "binary-data" || name == "page-number" || name == "note-citation";
+    static constexpr std::array<std::string_view, 7> kSkipped = {
+        "binary-data", "title", "desc", "page-number", "page-count", "sheet-name", "note-citation"};
+    return std::find(kSkipped.begin(), kSkipped.end(), name) != kSkipped.end();
   }
 
   void blanks(std::string_view count) {

@@ -6,6 +6,7 @@
 
 #include "extract/formats/helper_program.h"
 #include "extract/formats/ole.h"
+#include "extract/formats/ppt.h"
 
 namespace tool {
 namespace {
@@ -88,7 +89,7 @@ void parseOldOffice(std::string_view content, Document& document) {
   }
   if (file.has("PowerPoint Document")) {
     if (isEncryptedPowerPoint(file)) throw encrypted;
-    runOn(content, {"catppt", "-d", "utf-8", kHelperInput}, document);
+    document.text(pptText(*file.stream("PowerPoint Document", content.size())));
     return;
   }
   if (const auto object = file.stream("\1Ole10Native", content.size())) {

@@ -1,5 +1,5 @@
-// What is inside of an OLE compound file: DOC, XLS and PPT, by the programs catdoc,
-// xls2csv and catppt; a file that was embedded in another document; or a DOCX, XLSX or
+// What is inside of an OLE compound file: DOC and XLS, by the programs catdoc and xls2csv;
+// PPT, by ppt.h; a file that was embedded in another document; or a DOCX, XLSX or
 // PPTX with a password. What it is, its streams tell.
 // Tests: tests/tool/formats_test.cpp; fuzz/extract_office.cpp.
 #pragma once

@@ -147,6 +147,26 @@ std::string shownNumber(std::string_view stored) {
   return {text.data(), written.ptr};
 }
 
+// Headers and footers have codes between their words: &C, &12, &"Arial,Bold", &KFF0000.
+std::string withoutCodes(std::string_view coded) {
+  std::string text;
+  while (!coded.empty()) {
+    const size_t code = std::min(coded.find('&'), coded.size());
+    text.append(coded.substr(0, code)).append(" ");
+    coded.remove_prefix(std::min(code + 1, coded.size()));
+    size_t end = std::min<size_t>(1, coded.size());
+    if (coded.starts_with('"')) {
+      end = std::min(coded.find('"', 1), coded.size() - 1) + 1;
+    } else if (coded.starts_with('K')) {
+      end = std::min<size_t>(7, coded.size());
+    } else if (!coded.empty() && coded.front() >= '0' && coded.front() <= '9') {
+      end = std::min(coded.find_first_not_of("0123456789"), coded.size());
+    }
+    coded.remove_prefix(end);
+  }
+  return text;
+}
+
 // One string may stand in any number of cells: what that makes is held to the size of a
 // member.
 class Sheet : public XmlHandler {
@@ -170,7 +190,7 @@ class Sheet : public XmlHandler {
   void end(std::string_view name) override {
     if (isValue(name)) {
       if (in_value_ > 0) --in_value_;
-      say(name == "v" ? shown() : std::string_view(value_));
+      say(name == "v" ? shown() : isHeader(name) ? withoutCodes(value_) : value_);
     } else if (name == "c") {
       say("\t");
     } else if (name == "row") {
@@ -192,16 +212,19 @@ class Sheet : public XmlHandler {
   }
 
   static bool isValue(std::string_view name) {
-    return name == "v" || name == "t" || name == "oddHeader" || name == "oddFooter" ||
-           name == "evenHeader" || name == "evenFooter" || name == "firstHeader" ||
-           name == "firstFooter";
+    return name == "v" || name == "t" || isHeader(name);
   }
 
-  std::string_view shown() {
+  static bool isHeader(std::string_view name) {
+    return name == "oddHeader" || name == "oddFooter" || name == "evenHeader" ||
+           name == "evenFooter" || name == "firstHeader" || name == "firstFooter";
+  }
+
+  std::string shown() {
     if (type_ == "s") {
       size_t index = 0;
       const auto read = std::from_chars(value_.data(), value_.data() + value_.size(), index);
-      return read.ec == std::errc() ? strings_.at(index) : std::string_view();
+      return std::string(read.ec == std::errc() ? strings_.at(index) : std::string_view());
     }
     if (type_ == "b") return value_ == "0" ? "FALSE" : "TRUE";
     if (type_.empty() || type_ == "n") value_ = shownNumber(value_);

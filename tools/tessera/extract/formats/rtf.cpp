@@ -3,6 +3,8 @@
 // decoded, or single UTF-16 units (\u) with a replacement after them that is skipped.
 #include "extract/formats/rtf.h"
 
+#include <unicode/unistr.h>
+
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -85,25 +87,6 @@ std::string charsetOf(int code_page) {
   if (code_page == 950) return "Big5";
   if (code_page == 1361) return "johab";
   return (code_page < 1000 && code_page != 874 ? "IBM" : "windows-") + std::to_string(code_page);
-}
-
-void appendUtf8(uint32_t c, std::string* text) {
-  const auto add = [text](uint32_t byte) { *text += static_cast<char>(byte); };
-  if (c < 0x80) {
-    add(c);
-  } else if (c < 0x800) {
-    add(0xc0 | c >> 6);
-    add(0x80 | (c & 0x3f));
-  } else if (c < 0x10000) {
-    add(0xe0 | c >> 12);
-    add(0x80 | (c >> 6 & 0x3f));
-    add(0x80 | (c & 0x3f));
-  } else {
-    add(0xf0 | c >> 18);
-    add(0x80 | (c >> 12 & 0x3f));
-    add(0x80 | (c >> 6 & 0x3f));
-    add(0x80 | (c & 0x3f));
-  }
 }
 
 int hexDigit(char c) {
@@ -318,7 +301,6 @@ class Rtf {
     if (skip_ > 0) {
       --skip_;
     } else if (here_.destination == Destination::kText) {
-      surrogate_ = 0;  // half of a character is none
       bytes_ += c;
     } else if (here_.destination == Destination::kObject) {
       addObjectDigit(c);
@@ -334,19 +316,15 @@ class Rtf {
   void addUnit(uint16_t unit) {
     if (here_.destination != Destination::kText) return;
     decodeBytes();
-    if (unit >= 0xd800 && unit < 0xdc00) {
-      surrogate_ = unit;
+    if (U16_IS_LEAD(unit)) {
+      lead_ = unit;
       return;
     }
+    icu::UnicodeString character(char16_t{unit});
+    if (U16_IS_TRAIL(unit) && lead_ != 0) character.insert(0, char16_t{lead_});
     std::string text;
-    if (unit >= 0xdc00 && unit < 0xe000) {
-      if (surrogate_ == 0) return;
-      appendUtf8(0x10000 + ((surrogate_ - 0xd800U) << 10) + (unit - 0xdc00U), &text);
-    } else {
-      appendUtf8(unit, &text);
-    }
-    surrogate_ = 0;
-    write(text);
+    write(character.toUTF8String(text));
+    lead_ = 0;
   }
 
   void decodeBytes() {
@@ -390,7 +368,7 @@ class Rtf {
   int default_font_ = 0;
   bool is_optional_ = false;  // a \* was just read
   int skip_ = 0;              // characters of a replacement still to come
-  uint16_t surrogate_ = 0;    // the first half of a character, or 0
+  uint16_t lead_ = 0;         // the first half of a character of two units
   std::string bytes_;         // text not yet decoded
   std::string deleted_;
   std::string object_;
