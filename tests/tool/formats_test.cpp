@@ -872,6 +872,11 @@ TEST(OldOfficeFormat, PasswordsAreTold) {
                                {"Current User", std::string(12, '\0') + "\xdf\xc4\xd1\xf3"}})));
 }
 
+TEST(OldOfficeFormat, WhatTheProgramsFindNothingInIsTold) {
+  EXPECT_EQ(Reason::kDamaged, reasonOf(compound({{"WordDocument", ""}})));
+  EXPECT_EQ(Reason::kDamaged, reasonOf(compound({{"Workbook", ""}})));
+}
+
 TEST(OldOfficeFormat, AnUnknownKindIsTold) {
   EXPECT_EQ(Reason::kUnsupported, reasonOf(compound({{"__properties_version1.0", ""}})));
 }

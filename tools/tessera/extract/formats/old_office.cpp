@@ -7,6 +7,7 @@
 #include "extract/formats/helper_program.h"
 #include "extract/formats/ole.h"
 #include "extract/formats/ppt.h"
+#include "extract/formats/words.h"
 
 namespace tool {
 namespace {
@@ -47,8 +48,9 @@ bool isEncryptedPowerPoint(const OleFile& file) {
 void runOn(std::string_view content, const std::vector<std::string>& command, Document& document) {
   const HelperResult result = runHelper(command, content, document);
   document.text(result.output);
-  if (result.exit_status != 0) {
-    throw NotInspected(Reason::kDamaged, command.at(0) + " cannot read it");
+  // These programs are silent about most of what they cannot read.
+  if (result.exit_status != 0 || !hasWords(result.output)) {
+    throw NotInspected(Reason::kDamaged, command.at(0) + " finds no text in it");
   }
 }
 

@@ -1,11 +1,11 @@
 #include "extract/formats/pdf.h"
 
 #include <algorithm>
-#include <cctype>
 #include <string>
 #include <vector>
 
 #include "extract/formats/helper_program.h"
+#include "extract/formats/words.h"
 
 namespace tool {
 namespace {
@@ -15,11 +15,6 @@ namespace {
     throw NotInspected(Reason::kEncrypted, "");
   }
   throw NotInspected(Reason::kDamaged, "pdftotext cannot read it");
-}
-
-bool hasWords(std::string_view text) {
-  return std::any_of(text.begin(), text.end(),
-                     [](unsigned char c) { return c >= 0x80 || std::isalnum(c) != 0; });
 }
 
 // The files attached to it, as pdfdetach lists them: "1: NAME", after a line that tells
