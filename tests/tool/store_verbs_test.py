@@ -5,6 +5,7 @@ import fcntl
 import io
 import json
 import os
+import shutil
 import subprocess
 import unittest
 
@@ -279,6 +280,23 @@ class StoreVerbsTest(ToolTest):
         self.run_tool("rebuild", "--from-catalogue", status=DONE)
         self.assertEqual([(2, str(b))], self.matches(b))
         self.run_tool("verify", status=DONE)
+
+    def test_lost_configuration_is_written_anew_by_whoever_changes_something(self):
+        a, b, c = self.three_documents()
+        config = self.home / "index_sys_config.txt"
+        for arguments in (["rebuild"], ["rebuild", "--from-catalogue"], ["delete", a]):
+            config.unlink()
+            self.run_tool("verify", status=FAILED)
+            self.run_tool(*arguments, status=DONE)
+            self.run_tool("verify", status=DONE)
+        self.assertEqual([(2, str(b))], self.matches(b))
+
+    def test_verify_tells_an_index_that_is_not_there(self):
+        self.three_documents()
+        shutil.rmtree(self.home / "sig_index_DB")
+        out, err = self.run_tool("verify", status=FAILED)
+        self.assertIn("tessera rebuild --from-catalogue", out + err)
+        self.assertFalse((self.home / "sig_index_DB").exists(), "it changes nothing")
 
     # export
 

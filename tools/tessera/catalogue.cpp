@@ -231,7 +231,7 @@ Catalogue::~Catalogue() { sqlite3_close(database_); }
 // the files that readers share, so when nobody has made them, the database is at rest.
 void Catalogue::open(const fs::path& file, Access access) {
   const int create = access == Access::kWrite ? SQLITE_OPEN_CREATE : 0;
-  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_URI | create;
+  const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_URI | create;
   const bool frozen = access == Access::kRead && ::access(file.parent_path().c_str(), W_OK) != 0 &&
                       !fs::exists(file.string() + "-wal");
   const std::string uri = "file:" + escaped(file.string()) + (frozen ? "?immutable=1" : "");

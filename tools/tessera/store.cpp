@@ -76,6 +76,9 @@ Store::Store(const fs::path& home, Missing missing) : home_(home) {
   }
   fs::remove_all(kRebuildName);  // of a rebuild that was cut off
   catalogue_ = std::make_unique<Catalogue>(kCatalogueName, Catalogue::Access::kWrite);
+  if (!fs::exists(kConfigName)) {
+    const Generator writes_the_default_configuration(Selection::kFull);
+  }
   if (!index_was_there_) catalogue_->announceAll();
   common_ = catalogue_->commonSignatures();
   left_behind_ = catalogue_->unsettled().size();
