@@ -227,14 +227,11 @@ const std::map<std::string, std::function<void()>>& deeds() {
   return deeds_by_name;
 }
 
-}  // namespace
-
-int main() {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+void serve() {
   FrameHeader header;
   std::string payload;
   Descriptor file;
-  if (!receiveFrame(kSocket, &header, &payload, &file)) return 1;
+  if (!receiveFrame(kSocket, &header, &payload, &file)) return;
   const Limits limits = decodeLimits(payload);
   sendFrame(kSocket, FrameType::kReady, confineProcess(limits));
   while (receiveFrame(kSocket, &header, &payload, &file)) {
@@ -243,5 +240,15 @@ int main() {
     const auto deed = deeds().find(payload);
     if (deed != deeds().end()) deed->second();
     sendFrame(kSocket, FrameType::kEnd, std::string(1, '\0'));
+  }
+}
+
+}  // namespace
+
+int main() {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  try {
+    serve();
+  } catch (const ProtocolError&) {  // the command has had enough
   }
 }
