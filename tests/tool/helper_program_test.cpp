@@ -29,6 +29,7 @@ class LimitedDocument final : public Document {
   void countExpanded(uint64_t bytes) override { budget_.countExpanded(bytes); }
   uint64_t memberRoom() const override { return budget_.memberRoom(); }
   std::string_view baseName() const override { return "document"; }
+  std::string_view charset() const override { return ""; }
   const Limits& limits() const override { return budget_.limits(); }
   void checkTime() const override { budget_.checkTime(); }
   unsigned secondsLeft() const override { return budget_.secondsLeft(); }
