@@ -128,6 +128,13 @@ const std::map<std::string, std::function<void()>>& deeds() {
       {"program", startPrograms},
       {"fork-bomb", forkBomb},
       {"memory", takeMemory},
+      {"shared-memory",
+       [] {
+         constexpr size_t kMuch = size_t{4} << 30;  // which costs nothing before it is used
+         void* const block =
+             mmap(nullptr, kMuch, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+         say(block == MAP_FAILED ? "stopped" : "not stopped");
+       }},
       {"users", [] { say(access("/etc/passwd", F_OK) == 0 ? "allowed" : "refused"); }},
       // against the command
       {"hang", [] { hang(); }},
