@@ -161,6 +161,15 @@ TEST(HtmlFormat, CharsetIsTheOneOfMetaUnlessDeclaredOutside) {
   EXPECT_EQ("\u041c\n", parsed(parseHtml, "<META CHARSET = \"windows-1251\">\xcc").said);
 }
 
+TEST(HtmlFormat, InXhtmlEveryElementMayCloseItself) {
+  EXPECT_EQ("text\n", parsed(parseHtml,
+                             "<?xml version='1.0'?><html><head><title/><script/></head>"
+                             "<body><p>text</p></body></html>")
+                          .said);
+  EXPECT_EQ("not well-formed\n",
+            parsed(parseHtml, "<?xml version='1.0'?><html><p>not <b>well-formed</html>").said);
+}
+
 TEST(HtmlFormat, DeepNestingIsReadWithoutRecursion) {
   const auto page = parsed(parseHtml, repeated("<x>", 300'000) + "deep");
   EXPECT_EQ(Reason::kNone, page.reason);
