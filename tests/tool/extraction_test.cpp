@@ -96,7 +96,8 @@ TEST(Extraction, PlainTextComesInItsCanonicalForm) {
 }
 
 TEST(Extraction, APartTellsSizeAndHashOfItsBytes) {
-  const Part& part = open("abc").at("");
+  const Parts parts = open("abc");
+  const Part& part = parts.at("");
   EXPECT_EQ(3u, part.size);
   EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", hex(part.sha256));
 }

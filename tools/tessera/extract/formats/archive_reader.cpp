@@ -139,7 +139,9 @@ void ArchiveReader::fail() const {
   if (archive_errno(archive_.get()) == ENOMEM) {
     throw NotInspected(Reason::kMemoryLimit, message ? message : "");
   }
-  const bool encrypted = archive_read_has_encrypted_entries(archive_.get()) > 0;
+  // Only a format knows about it, and there may be none; 0 while it is not known.
+  const bool known = archive_format(archive_.get()) != 0;
+  const bool encrypted = known && archive_read_has_encrypted_entries(archive_.get()) > 0;
   throw NotInspected(encrypted ? Reason::kEncrypted : Reason::kDamaged, message ? message : "");
 }
 
