@@ -592,6 +592,19 @@ TEST(XlsxFormat, InlineStringsAndCommentsCount) {
                       .said));
 }
 
+TEST(XlsxFormat, CopiesOfCellsThatAreGoneCount) {
+  EXPECT_EQ(
+      "Second Prices deleted 7 elsewhere",
+      words(
+          parsed(parseOoxml,
+                 xlsx("", "<row/>",
+                      {{"xl/pivotCache/pivotCacheRecords1.xml",
+                        "<pivotCacheRecords><r><s v='deleted'/><n v='7'/></r></pivotCacheRecords>"},
+                       {"xl/externalLinks/externalLink1.xml",
+                        "<externalLink><cell><v>elsewhere</v></cell></externalLink>"}}))
+              .said));
+}
+
 TEST(XlsxFormat, HeadersAreReadWithoutTheirCodes) {
   EXPECT_EQ("Second Prices Draft of 3 x",
             words(parsed(parseOoxml, xlsx("",
