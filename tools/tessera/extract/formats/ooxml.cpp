@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,11 +18,6 @@
 
 namespace tool {
 namespace {
-
-template <size_t size>
-bool isOneOf(std::string_view name, const std::array<std::string_view, size>& names) {
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
 
 // ---- Text of one part
 
@@ -35,27 +31,16 @@ class MarkupText : public XmlHandler {
         is_master_(root == "sldMaster" || root == "sldLayout" || root == "notesMaster") {}
 
   static bool isRoot(std::string_view name) {
-    static constexpr std::array<std::string_view, 20> kRoots = {"document",
-                                                                "glossaryDocument",
-                                                                "hdr",
-                                                                "ftr",
-                                                                "footnotes",
-                                                                "endnotes",
-                                                                "comments",
-                                                                "sld",
-                                                                "notes",
-                                                                "sldMaster",
-                                                                "sldLayout",
-                                                                "notesMaster",
-                                                                "cmLst",
-                                                                "wsDr",
-                                                                "chartSpace",
-                                                                "dataModel",
-                                                                "ThreadedComments",
-                                                                "externalLink",
-                                                                "pivotCacheDefinition",
-                                                                "pivotCacheRecords"};
-    return isOneOf(name, kRoots);
+    static const std::set<std::string_view> kRoots = {
+        // of Word
+        "document", "glossaryDocument", "hdr", "ftr", "footnotes", "endnotes", "comments",
+        // of Excel, which has comments, too
+        "ThreadedComments", "externalLink", "pivotCacheDefinition", "pivotCacheRecords",
+        // of PowerPoint
+        "sld", "notes", "sldMaster", "sldLayout", "notesMaster", "cmLst",
+        // drawings, charts and diagrams of all three
+        "wsDr", "chartSpace", "dataModel"};
+    return kRoots.count(name) != 0;
   }
 
   void start(std::string_view name, const XmlAttributes& attributes) override {
