@@ -19,9 +19,6 @@ TRIALS = 20  # at most, of one command
 
 
 class KillTest(ToolTest):
-    # Memory, where there is such a place: nothing here depends on a disk, and syncing is slow.
-    scratch_parent = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
-
     def kill_before_writing(self, arrivals):
         tables = os.open(self.home / "sig_index_DB", os.O_RDONLY)
         self.addCleanup(os.close, tables)

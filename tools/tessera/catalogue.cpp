@@ -241,6 +241,7 @@ void Catalogue::open(const fs::path& file, Access access) {
     execute("PRAGMA journal_mode = WAL");
     // A commit lasts when it returns: the index relies on what was announced.
     execute("PRAGMA synchronous = FULL");
+    execute("PRAGMA secure_delete = ON");  // what has left leaves no traces
   } else {
     execute("PRAGMA query_only = ON");
   }

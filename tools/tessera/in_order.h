@@ -1,5 +1,5 @@
 // Work on many things at once whose results are taken one by one, in their order.
-// Tests: tests/tool/in_order_test.cpp.
+// Tests: tests/tool/store_units_test.cpp.
 #pragma once
 
 #include <algorithm>

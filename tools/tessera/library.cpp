@@ -36,6 +36,8 @@ int collectMessage(const char* format, va_list arguments) {
   const std::string_view text(line);
   const size_t head = text.find(">#");
   if (!text.starts_with("Error ") || head == std::string_view::npos) return 0;
+  // The library adds its own document whenever it opens an index, and says this of it.
+  if (text.substr(head + 2).starts_with("duplicated ")) return 0;
   const std::lock_guard lock(log_mutex);
   if (log_lines.size() < 16) log_lines.emplace_back(text.substr(head + 2));
   return 0;

@@ -8,7 +8,7 @@
 //   \xHH  a byte that is no part of well-formed UTF-8, or of a control character
 //         (C0, DEL, C1), a line or paragraph separator, or a mark that reverses text
 //
-// Everything else stands for itself. Tests: tests/tool/names_test.cpp.
+// Everything else stands for itself. Tests: tests/tool/store_units_test.cpp.
 #pragma once
 
 #include <string>

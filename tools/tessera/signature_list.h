@@ -1,5 +1,5 @@
 // Lists of signatures: what a document is once it is fingerprinted.
-// Tests: tests/tool/signature_list_test.cpp.
+// Tests: tests/tool/store_units_test.cpp.
 #pragma once
 
 #include <algorithm>
