@@ -35,7 +35,7 @@ enum {
 enum {
   TESSERA_REMEDY_NONE = 0,
   TESSERA_REMEDY_OPEN = 1,           /* the next InitIndexSystem(), or its first save */
-  TESSERA_REMEDY_REBUILD_TABLES = 2, /* tessera_rebuild_tables(), or the next ExitIndexSystem() */
+  TESSERA_REMEDY_REBUILD_TABLES = 2, /* tessera_rebuild_tables() */
   TESSERA_REMEDY_REBUILD_TREES = 3   /* tessera_rebuild_trees(), then tessera_rebuild_tables() */
 };
 
@@ -88,9 +88,9 @@ typedef struct tessera_index_figures {
 int tessera_verify_index(tessera_finding_sink sink, void* context, tessera_index_figures* figures);
 
 /* Writes the four search tables anew from the trees, as ExitIndexSystem() would,
- * and "meta_data.bin" if it was lost and the old tables still have it. The trees are
- * checked first; what a crash left half done in them is undone. Nothing is added
- * to the index.
+ * and "meta_data.bin" if it was lost or damaged and the old tables still have it.
+ * The trees are checked first; what a crash left half done in them is undone.
+ * Nothing is added to the index.
  *
  * Not to be called beside InitIndexSystem() in the same process. A kill leaves
  * tables that are refused or stale: call it again. Returns TESSERA_STORE_OK;

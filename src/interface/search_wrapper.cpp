@@ -1,6 +1,6 @@
 // The counting search of tessera_search.h: the search of MatchSignature(), of which
 // more is handed out.
-// Tests: tests/unit/interface/search_test.cpp.
+// Tests: tests/unit/search/search_test.cpp.
 #define LOG_TAG "TESSERA_MODULE"
 
 #include <cstdlib>

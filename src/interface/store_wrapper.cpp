@@ -29,9 +29,8 @@ constexpr char kIndexDirectory[] = "sig_index_DB";
 
 std::optional<IndexSysConfiguration> loadConfiguration() {
   IndexSysConfiguration configuration;
-  if (configuration.Load(tessera::kConfigFileName) == kOk) return configuration;
-  LOG_ERROR("load index sys configuration fail");
-  return std::nullopt;
+  if (configuration.Load(tessera::kConfigFileName) != kOk) return std::nullopt;
+  return configuration;
 }
 
 int severityOf(const Finding& finding) {

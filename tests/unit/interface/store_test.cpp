@@ -255,7 +255,7 @@ TEST_F(Store, ATableNearALimitIsWarnedOf) {
   change(0, 20);
   expectSound();
   EXPECT_EQ(0x80000000u, figures_.addition_limit);
-  const auto limit = [this](uint64_t bytes) { setMaxStblSize(static_cast<unsigned int>(bytes)); };
+  const auto limit = [](uint64_t bytes) { setMaxStblSize(static_cast<unsigned int>(bytes)); };
   const uint64_t size = figures_.strong_table_bytes;
   limit(size * 4 / 3 + 1);
   expectSound();
@@ -298,10 +298,13 @@ TEST_F(Store, LostTablesAreWrittenAnewWithoutABatch) {
   EXPECT_EQ(commits, figures_.commits);
 }
 
-TEST_F(Store, LostMetaDataComesBackWithTheTables) {
+TEST_F(Store, LostOrDamagedMetaDataComesBackWithTheTables) {
   change(0, 20);
   const Files sound = files();
   fs::remove(std::string(kIndex) + "meta_data.bin");
+  EXPECT_EQ(TESSERA_STORE_OK, tessera_rebuild_tables());
+  EXPECT_TRUE(sound == files());
+  flip("meta_data.bin", 1);  // the tables must not take over another base
   EXPECT_EQ(TESSERA_STORE_OK, tessera_rebuild_tables());
   EXPECT_TRUE(sound == files());
   for (const char* const name : {"meta_data.bin", "search_table.wmeta", "search_table.smeta"}) {
@@ -328,6 +331,11 @@ TEST_F(Store, TablesAreNotWrittenFromDamagedTreesWhichAreMendedFirst) {
   expectSound();
   EXPECT_EQ(61u, figures_.documents);
   EXPECT_EQ(TESSERA_STORE_FAILED, tessera_rebuild_trees(2));
+
+  flip("search_table.stbl", 0);
+  EXPECT_EQ(TESSERA_STORE_DAMAGED, tessera_rebuild_trees(TESSERA_FROM_TABLE)) << "out of order";
+  dir_.write(std::string(kIndex) + "search_table.stbl", "");
+  EXPECT_EQ(TESSERA_STORE_DAMAGED, tessera_rebuild_trees(TESSERA_FROM_TABLE)) << "empty";
 }
 
 TEST_F(Store, WithoutAnIndexNothingIsMade) {
@@ -346,7 +354,7 @@ TEST_F(Store, WithoutAConfigurationNothingIsLookedAt) {
   EXPECT_EQ(TESSERA_STORE_FAILED, tessera_rebuild_tables());
   EXPECT_EQ(TESSERA_STORE_FAILED, tessera_rebuild_trees(TESSERA_FROM_TREE));
   EXPECT_EQ(Lines{}, findings_);
-  EXPECT_EQ("load index sys configuration fail", log_.messages().back());
+  EXPECT_EQ("open config file index_sys_config.txt fail", log_.messages().back());
 }
 
 TEST_F(Store, ATableThatCannotBeWrittenIsAFailure) {

@@ -134,6 +134,7 @@ class ParsedDocument final : public Document {
   void countExpanded(uint64_t bytes) override { extraction_.budget.countExpanded(bytes); }
   uint64_t memberRoom() const override { return extraction_.budget.memberRoom(); }
   std::string_view baseName() const override { return opened_.base_name; }
+  std::string_view charset() const override { return opened_.charset; }
   const Limits& limits() const override { return extraction_.budget.limits(); }
   void checkTime() const override { extraction_.budget.checkTime(); }
   unsigned secondsLeft() const override { return extraction_.budget.secondsLeft(); }

@@ -62,6 +62,9 @@ class Document {
   // Of the file or member, without directories. Only for naming what is in it.
   virtual std::string_view baseName() const = 0;
 
+  // Charset that was declared outside of the document, or empty.
+  virtual std::string_view charset() const = 0;
+
   virtual const Limits& limits() const = 0;
 
   // Whoever works long without saying anything asks now and then: throws when the time

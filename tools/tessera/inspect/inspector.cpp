@@ -27,7 +27,8 @@ class Inspector::Pool {
  public:
   explicit Pool(const Settings& settings)
       : settings_(settings),
-        program_(settings.extractor.empty() ? defaultExtractor() : settings.extractor) {}
+        program_(settings.extractor.empty() ? defaultExtractor() : settings.extractor),
+        namespaces_(settings.namespaces) {}
 
   std::unique_ptr<ExtractorProcess> take() {
     {
@@ -86,7 +87,7 @@ class Inspector::Pool {
   Starter starter_;
   std::mutex mutex_;
   std::vector<std::unique_ptr<ExtractorProcess>> idle_;  // guarded by mutex_
-  bool namespaces_ = true;                               // guarded by mutex_
+  bool namespaces_;                                      // guarded by mutex_
 };
 
 Inspector::Inspector(const Settings& settings) : pool_(std::make_unique<Pool>(settings)) {}

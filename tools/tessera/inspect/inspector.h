@@ -25,6 +25,7 @@ class Inspector {
     // The program that opens documents; empty: ../libexec/tessera/tessera-extract as seen
     // from the directory of this program.
     std::string extractor = {};
+    bool namespaces = true;  // where the system allows them
   };
 
   explicit Inspector(const Settings& settings);  // starts nothing yet

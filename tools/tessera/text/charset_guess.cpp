@@ -19,7 +19,7 @@ namespace {
 
 // More of a text does not make a guess better.
 constexpr size_t kSampleBytes = size_t{64} << 10;
-constexpr size_t kBytesBefore = 1024;
+constexpr size_t kBytesBefore = 64;
 
 bool isHigh(char c) { return (static_cast<unsigned char>(c) & 0x80) != 0; }
 
@@ -86,7 +86,7 @@ int64_t fitness(std::string_view text, const WesternReading& reading) {
     if (isCapital(c) && i > 0 && isAsciiSmall(text[i - 1])) {
       fit -= 2;
     } else if (isFrequentLetter(c)) {
-      fit += 3;
+      fit += after_letter || before_letter ? 3 : 1;
     } else if (isWesternLetter(c)) {
       fit += after_letter || before_letter ? 1 : -1;
     } else if (isTypographic(c)) {
@@ -120,6 +120,22 @@ bool mayBeWestern(std::string_view sample) {
   return sample.size() < kTooShortToTell || high * 10 <= sample.size() * 3;
 }
 
+// ---- The Cyrillic charset of DOS, which the detector does not know: no other one has
+// nearly all its letters there.
+
+bool isDosCyrillic(std::string_view sample) {
+  size_t high = 0;
+  size_t small = 0;
+  size_t capital = 0;
+  for (const char c : sample) {
+    const auto byte = static_cast<unsigned char>(c);
+    high += byte >= 0x80 ? 1 : 0;
+    capital += byte >= 0x80 && byte < 0xA0 ? 1 : 0;
+    small += (byte >= 0xA0 && byte < 0xB0) || (byte >= 0xE0 && byte < 0xF2) ? 1 : 0;
+  }
+  return (small + capital) * 20 >= high * 19 && small > capital;
+}
+
 // ---- The detector
 
 struct DetectorCloser {
@@ -143,7 +159,8 @@ Candidate detect(std::string_view sample) {
   ucsdet_setText(detector.get(), sample.data(), static_cast<int32_t>(sample.size()), &status);
   int32_t count = 0;
   const UCharsetMatch** const matches = ucsdet_detectAll(detector.get(), &count, &status);
-  if (U_FAILURE(status)) throw std::bad_alloc();
+  if (status == U_MEMORY_ALLOCATION_ERROR) throw std::bad_alloc();
+  if (U_FAILURE(status)) return {};      // too short for anything to be found
   for (int32_t i = 0; i < count; ++i) {  // by falling confidence
     const char* const name = ucsdet_getName(matches[i], &status);
     if (isCandidate(name)) return {charsetOf(name), ucsdet_getConfidence(matches[i], &status)};
@@ -163,26 +180,47 @@ bool isCommonUnit(unsigned high, unsigned low) {
   return (high == 0x30 && low <= 0x02) || (high == 0xFF && (low == 0x0C || low == 0x0E));
 }
 
+// What the units of a text are in one of the two orders.
+struct WideReading {
+  size_t units = 0;
+  size_t common = 0;
+  size_t alphabetic = 0;  // of alphabets other than the Latin one
+  size_t east_asian = 0;
+
+  void add(unsigned high, unsigned low) {
+    ++units;
+    common += isCommonUnit(high, low) ? 1 : 0;
+    alphabetic += high >= 0x01 && high < 0x20 ? 1 : 0;
+    east_asian += high >= 0x2E ? 1 : 0;
+  }
+
+  // Nobody writes half Chinese, half Russian; records of letters and small numbers look so.
+  bool isPlausible() const {
+    return common * 64 >= units && std::min(alphabetic, east_asian) * 8 <= units;
+  }
+};
+
 }  // namespace
 
 std::string guessCharset(std::string_view bytes) {
   const std::string_view sample = sampleOf(bytes);
+  const bool may_be_western = mayBeWestern(sample);
+  if (!may_be_western && isDosCyrillic(sample)) return "IBM866";
   const Candidate found = detect(sample);
   if (found.confidence >= kSure && found.charset != "windows-1252") return found.charset;
-  if (mayBeWestern(sample)) return guessWestern(sample);
-  return {};
+  return may_be_western ? guessWestern(sample) : std::string();
 }
 
 std::string guessWideCharset(std::string_view bytes) {
   const std::string_view sample = bytes.substr(0, kSampleBytes);
-  size_t little = 0;
-  size_t big = 0;
+  WideReading little;
+  WideReading big;
   size_t little_wide = 0;
   size_t big_wide = 0;
   const auto at = [&](size_t i) { return static_cast<unsigned char>(sample[i]); };
   for (size_t i = 0; i + 2 <= sample.size(); i += 2) {
-    little += isCommonUnit(at(i + 1), at(i)) ? 1 : 0;
-    big += isCommonUnit(at(i), at(i + 1)) ? 1 : 0;
+    little.add(at(i + 1), at(i));
+    big.add(at(i), at(i + 1));
   }
   for (size_t i = 0; i + 4 <= sample.size(); i += 4) {
     little_wide += at(i + 2) <= 0x10 && at(i + 3) == 0 ? 1 : 0;
@@ -191,10 +229,12 @@ std::string guessWideCharset(std::string_view bytes) {
   const size_t quarters = sample.size() / 4;
   if (quarters > 0 && little_wide == quarters) return "UTF-32LE";
   if (quarters > 0 && big_wide == quarters) return "UTF-32BE";
+  const bool is_little = little.common > big.common;
+  const WideReading& reading = is_little ? little : big;
+  const WideReading& other = is_little ? big : little;
   // Numbers of 16 bits have small values and values with zeros in the other byte alike.
-  const size_t more = std::max(little, big);
-  if (more * 64 < sample.size() / 2 || std::min(little, big) * 8 > more) return {};
-  return little > big ? "UTF-16LE" : "UTF-16BE";
+  if (!reading.isPlausible() || other.common * 8 > reading.common) return {};
+  return is_little ? "UTF-16LE" : "UTF-16BE";
 }
 
 }  // namespace tool

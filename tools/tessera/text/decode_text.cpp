@@ -145,16 +145,25 @@ Trial decodedAsUtf8(std::string_view bytes) {
   return std::nullopt;
 }
 
-// A page that says in ASCII that it is UTF-16 is not; that its zeros must tell.
+Trial decodedAsWide(std::string_view bytes) {
+  const std::string charset = guessWideCharset(bytes);
+  if (charset.empty()) return std::nullopt;
+  std::optional<std::string> text = toUtf8(bytes, charset, Malformed::kRefuse);
+  // Stricter, since nearly all pairs of bytes are a character.
+  if (!text || readabilityOf(*text).unreadable * 500 > text->size()) return std::nullopt;
+  return DecodedText{std::move(*text), charset};
+}
+
+// That a text is UTF-16 its bytes must say too: pages claim it in plain ASCII, and the
+// claim leaves the order open.
 bool isWide(std::string_view charset) {
   return charset.starts_with("UTF-16") || charset.starts_with("UTF-32");
 }
 
 Trial decodedAsDeclared(std::string_view bytes, std::string_view declared) {
   const std::string charset = charsetOf(declared);
-  if (charset.empty() || (isWide(charset) && bytes.find('\0') == std::string_view::npos)) {
-    return std::nullopt;
-  }
+  if (charset.empty()) return std::nullopt;
+  if (isWide(charset)) return decodedAsWide(bytes);
   if (charset == "UTF-8") {
     if (!hasFewControls(bytes) || countUtf8Sequences(bytes).malformed != 0) return std::nullopt;
     return DecodedText{std::string(bytes), charset};
@@ -175,15 +184,6 @@ Trial decodedByGuess(std::string_view bytes) {
   const std::string charset = guessCharset(bytes);
   if (charset.empty()) return std::nullopt;
   return decoded(bytes, charset, Malformed::kReplace);
-}
-
-Trial decodedAsWide(std::string_view bytes) {
-  const std::string charset = guessWideCharset(bytes);
-  if (charset.empty()) return std::nullopt;
-  std::optional<std::string> text = toUtf8(bytes, charset, Malformed::kRefuse);
-  // Stricter, since nearly all pairs of bytes are a character.
-  if (!text || readabilityOf(*text).unreadable * 500 > text->size()) return std::nullopt;
-  return DecodedText{std::move(*text), charset};
 }
 
 }  // namespace

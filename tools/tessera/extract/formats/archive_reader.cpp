@@ -135,8 +135,10 @@ uint64_t ArchiveReader::consumed() const {
 }
 
 void ArchiveReader::fail() const {
-  if (archive_errno(archive_.get()) == ENOMEM) throw std::bad_alloc();
   const char* message = archive_error_string(archive_.get());
+  if (archive_errno(archive_.get()) == ENOMEM) {
+    throw NotInspected(Reason::kMemoryLimit, message ? message : "");
+  }
   const bool encrypted = archive_read_has_encrypted_entries(archive_.get()) > 0;
   throw NotInspected(encrypted ? Reason::kEncrypted : Reason::kDamaged, message ? message : "");
 }

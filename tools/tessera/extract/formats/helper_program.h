@@ -1,4 +1,4 @@
-// Runs a program that turns a document into text: pdftotext, catdoc, unrtf. It gets the
+// Runs a program that turns a document into text: pdftotext, catdoc, xls2csv. It gets the
 // document on its standard input, which is a file in memory that it may also open by
 // name, and inherits everything that confines the extractor.
 // Tests: tests/tool/helper_program_test.cpp.

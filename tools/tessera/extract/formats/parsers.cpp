@@ -4,6 +4,15 @@
 #include <iterator>
 
 #include "extract/formats/archive.h"
+#include "extract/formats/epub.h"
+#include "extract/formats/html.h"
+#include "extract/formats/mail.h"
+#include "extract/formats/odf.h"
+#include "extract/formats/old_office.h"
+#include "extract/formats/ooxml.h"
+#include "extract/formats/pdf.h"
+#include "extract/formats/rtf.h"
+#include "extract/formats/xml.h"
 
 namespace tool {
 
@@ -23,8 +32,45 @@ constexpr Format kFormats[] = {
     {"application/zip", kContainer, parseZip},
     {"application/zstd", kContainer, parseTarOrCompressed},
 
+    {"application/mbox", kContainer, parseMbox},
+    {"message/news", kDocument, parseMail},
+    {"message/rfc822", kDocument, parseMail},
+
+    {"image/svg+xml", kMarkup, parseXml},
+    {"text/html", kMarkup, parseHtml},
+    {"text/xml", kMarkup, parseXml},
+
+    {"application/epub+zip", kDocument, parseEpub},
+    {"application/pdf", kDocument, parsePdf},
+    {"application/rtf", kDocument, parseRtf},
+
+    {"application/msword", kDocument, parseOldOffice},
+    {"application/vnd.ms-excel", kDocument, parseOldOffice},
+    {"application/vnd.ms-powerpoint", kDocument, parseOldOffice},
+    {"application/x-encrypted-office", kDocument, parseOldOffice},
+    {"application/x-ole-storage", kDocument, parseOldOffice},
+
+    {"application/vnd.openxmlformats-officedocument.presentationml.presentation", kDocument,
+     parseOoxml},
+    {"application/vnd.openxmlformats-officedocument.spreadsheetml.sheet", kDocument, parseOoxml},
+    {"application/vnd.openxmlformats-officedocument.wordprocessingml.document", kDocument,
+     parseOoxml},
+
+    {"application/vnd.oasis.opendocument.chart", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.formula", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.graphics", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.graphics-template", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.presentation", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.presentation-template", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.spreadsheet", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.spreadsheet-template", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.text", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.text-master", kDocument, parseOdf},
+    {"application/vnd.oasis.opendocument.text-template", kDocument, parseOdf},
+
     {"application/vnd.ms-cab-compressed", kUnsupported, nullptr},
     {"application/vnd.ms-outlook", kUnsupported, nullptr},
+    {"application/vnd.ms-tnef", kUnsupported, nullptr},
     {"application/x-arj", kUnsupported, nullptr},
     {"application/x-cpio", kUnsupported, nullptr},
     {"application/x-iso9660-image", kUnsupported, nullptr},
