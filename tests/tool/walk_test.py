@@ -27,7 +27,7 @@ class WalkTest(ToolTest):
         out, err = done.stdout.decode(), os.fsdecode(done.stderr)
         self.assertEqual(status, done.returncode, out + err)
         records = [json.loads(line) for line in out.splitlines()]
-        return [r["file"] for r in records if r["record"] == "document"], err
+        return [r["file"] for r in records if r["kind"] == "document"], err
 
     def files(self, *arguments, **options):
         return self.walk(*arguments, **options)[0]
