@@ -1,0 +1,132 @@
+"""Runs the built command for the tests with real documents, and reads what it says.
+
+TESSERA is the command, DOCUMENTS the directory that make_documents.py made.
+"""
+
+import dataclasses
+import json
+import os
+import pathlib
+import subprocess
+import threading
+import time
+
+TESSERA = os.path.abspath(os.environ["TESSERA"])
+DOCUMENTS = pathlib.Path(os.environ["DOCUMENTS"]).resolve() if "DOCUMENTS" in os.environ else None
+
+DONE, MATCHED, FAILED, NOT_INSPECTED = 0, 1, 2, 3
+
+
+@dataclasses.dataclass
+class Verdict:
+    """What match says of one document, a member of another perhaps."""
+
+    name: str  # path, or path!member
+    reason: str  # why it was not inspected, or not wholly; "" if it was
+    detail: str
+    signatures: int
+    matches: dict  # name of the indexed document -> (level, hits)
+
+    @property
+    def inspected(self):
+        return not self.reason
+
+
+@dataclasses.dataclass
+class Run:
+    status: int
+    out: str
+    err: str
+    seconds: float
+    memory: int  # most bytes that all its processes together held
+    processes: int  # most at a time
+    left: list  # processes that were there after it
+
+    def verdicts(self):
+        return [verdict(json.loads(line)) for line in self.out.splitlines() if is_document(line)]
+
+
+def is_document(line):
+    return json.loads(line).get("record") == "document"
+
+
+def verdict(record):
+    matches = {found["name"]: (found["level"], found["hits"]) for found in record["matches"]}
+    return Verdict(
+        record["name"],
+        record.get("reason", ""),
+        record.get("detail", ""),
+        record.get("signatures", 0),
+        matches,
+    )
+
+
+def documents(*kinds):
+    entries = json.loads((DOCUMENTS / "documents.json").read_text(encoding="utf-8"))
+    return [entry for entry in entries if entry["kind"] in kinds]
+
+
+class Watch(threading.Thread):
+    """Sums up what the processes of a session hold, some fifty times a second."""
+
+    def __init__(self, session):
+        super().__init__(daemon=True)
+        self.session, self.memory, self.processes = session, 0, 0
+        self.over = threading.Event()
+
+    def members(self):
+        """The processes of the session, and what each of them holds of its own."""
+        found = {}
+        for entry in os.scandir("/proc"):
+            if not entry.name.isdigit():
+                continue
+            try:
+                stat = pathlib.Path(entry.path, "stat").read_text(errors="replace")
+                fields = stat[stat.rindex(")") + 2 :].split()
+                if int(fields[3]) == self.session and fields[0] != "Z":
+                    pages = pathlib.Path(entry.path, "statm").read_text().split()
+                    # Resident, but for what is shared with files.
+                    found[int(entry.name)] = (int(pages[1]) - int(pages[2])) * 4096
+            except OSError:
+                continue  # it has just ended
+        return found
+
+    def run(self):
+        while not self.over.wait(0.02):
+            held = self.members()
+            self.memory = max(self.memory, sum(held.values()))
+            self.processes = max(self.processes, len(held))
+
+
+def run(*arguments, home, cwd=None, timeout=300, data=None):
+    """Runs the command in a session of its own, and watches that session."""
+    begun = time.monotonic()
+    process = subprocess.Popen(
+        [TESSERA, *map(os.fspath, arguments)],
+        cwd=cwd,
+        env={**os.environ, "TESSERA_HOME": os.fspath(home), "LC_ALL": "C.UTF-8"},
+        stdin=subprocess.DEVNULL if data is None else subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        start_new_session=True,
+    )
+    watch = Watch(process.pid)
+    watch.start()
+    try:
+        out, err = process.communicate(data, timeout)
+    except subprocess.TimeoutExpired:
+        os.killpg(process.pid, 9)
+        process.communicate()
+        raise
+    finally:
+        watch.over.set()
+        watch.join()
+    return Run(
+        process.returncode,
+        os.fsdecode(out),
+        os.fsdecode(err),
+        time.monotonic() - begun,
+        watch.memory,
+        watch.processes,
+        list(watch.members()),
+    )
