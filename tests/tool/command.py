@@ -7,6 +7,7 @@ import dataclasses
 import json
 import os
 import pathlib
+import signal
 import subprocess
 import threading
 import time
@@ -67,31 +68,49 @@ def documents(*kinds):
 
 
 class Watch(threading.Thread):
-    """Sums up what the processes of a session hold, some fifty times a second."""
+    """Sums up what a process and all that descends from it hold, some fifty times a second."""
 
-    def __init__(self, session):
+    def __init__(self, root):
         super().__init__(daemon=True)
-        self.session, self.memory, self.processes = session, 0, 0
+        self.memory, self.processes = 0, 0
+        self.family = {root: None}  # process -> when it was started
         self.over = threading.Event()
 
-    def members(self):
-        """The processes of the session, and what each of them holds of its own."""
+    def alive(self):
+        """The family's processes that there are now, and what each of them holds."""
         found = {}
-        for entry in os.scandir("/proc"):
-            if not entry.name.isdigit():
-                continue
-            try:
-                stat = pathlib.Path(entry.path, "stat").read_text(errors="replace")
-                fields = stat[stat.rindex(")") + 2 :].split()
-                if int(fields[3]) == self.session and fields[0] != "Z":
-                    pages = pathlib.Path(entry.path, "statm").read_text().split()
-                    # Resident, but for what is shared with files.
-                    found[int(entry.name)] = (int(pages[1]) - int(pages[2])) * 4096
-            except OSError:
-                continue  # it has just ended
+        for pid, parent, started, held in sorted(processes()):
+            if self.family.get(pid, started) not in (None, started):
+                continue  # another process with the number of one that is gone
+            if pid in self.family or parent in self.family:
+                self.family[pid] = started
+                found[pid] = held
         return found
 
     def run(self):
+        while not self.over.wait(0.02):
+            held = self.alive()
+            self.memory = max(self.memory, sum(held.values()))
+            self.processes = max(self.processes, len(held))
+
+
+def processes():
+    """(number, parent, start, bytes held that are not a file's) of each living process."""
+    for entry in os.scandir("/proc"):
+        if not entry.name.isdigit():
+            continue
+        try:
+            stat = pathlib.Path(entry.path, "stat").read_text(errors="replace")
+            state, parent, *fields = stat[stat.rindex(")") + 2 :].split()
+            if state not in "ZX":
+                pages = pathlib.Path(entry.path, "statm").read_text().split()
+                held = (int(pages[1]) - int(pages[2])) * 4096
+                yield int(entry.name), int(parent), fields[17], held
+        except OSError:
+            continue  # it has just ended
+
+
+def run(self):
         while not self.over.wait(0.02):
             held = self.members()
             self.memory = max(self.memory, sum(held.values()))
@@ -99,7 +118,7 @@ class Watch(threading.Thread):
 
 
 def run(*arguments, home, cwd=None, timeout=300, data=None):
-    """Runs the command in a session of its own, and watches that session."""
+    """Runs the command and watches it and what it starts."""
     begun = time.monotonic()
     process = subprocess.Popen(
         [TESSERA, *map(os.fspath, arguments)],
@@ -115,7 +134,7 @@ def run(*arguments, home, cwd=None, timeout=300, data=None):
     try:
         out, err = process.communicate(data, timeout)
     except subprocess.TimeoutExpired:
-        os.killpg(process.pid, 9)
+        os.killpg(process.pid, signal.SIGKILL)
         process.communicate()
         raise
     finally:
@@ -128,5 +147,5 @@ def run(*arguments, home, cwd=None, timeout=300, data=None):
         time.monotonic() - begun,
         watch.memory,
         watch.processes,
-        list(watch.members()),
+        list(watch.alive()),
     )
