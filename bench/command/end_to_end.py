@@ -26,7 +26,7 @@ import threading
 import time
 
 ROOT = pathlib.Path("/usr/share/doc")
-SHARES = {".pdf": 1.0, ".epub": 1.0, ".html": 0.4, ".gz": 0.3, "other": 0.3}
+SHARES = {".pdf": 1.0, ".pdf.gz": 1.0, ".epub": 1.0, ".html": 0.4, ".gz": 0.3, "other": 0.3}
 TICK = os.sysconf("SC_CLK_TCK")
 
 
@@ -37,7 +37,8 @@ def choose(count):
     for path in ROOT.rglob("*"):
         if path.is_file() and path.stat().st_size >= 200 and path.resolve() not in seen:
             seen.add(path.resolve())
-            kind = path.suffix if path.suffix in SHARES else "other"
+            kind = ".pdf.gz" if path.name.endswith(".pdf.gz") else path.suffix
+            kind = kind if kind in SHARES else "other"
             found[kind].append(path.resolve())
     chosen, left = {}, count
     for kind in sorted(SHARES, key=lambda kind: -SHARES[kind]):
