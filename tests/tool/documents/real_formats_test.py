@@ -3,9 +3,9 @@
 make_documents.py has made the files, by programs that know nothing of this one. What
 is found of each is printed as a table, and written to DOCUMENTS/recall.md.
 
-    /usr/bin/python3 tests/tool/make_documents.py build/linux-release/documents
+    /usr/bin/python3 tests/tool/documents/make_documents.py build/linux-release/documents
     TESSERA=build/linux-release/bin/tessera DOCUMENTS=build/linux-release/documents \\
-        python3 tests/tool/real_formats_test.py
+        python3 tests/tool/documents/real_formats_test.py
 """
 
 import difflib

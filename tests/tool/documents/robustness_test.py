@@ -1,8 +1,8 @@
 """Real documents, damaged at random: every one gets a verdict, and the command lives.
 
-    /usr/bin/python3 tests/tool/make_documents.py build/linux-release/documents
+    /usr/bin/python3 tests/tool/documents/make_documents.py build/linux-release/documents
     TESSERA=build/linux-release/bin/tessera DOCUMENTS=build/linux-release/documents \\
-        python3 tests/tool/robustness_test.py [--seconds N] [--seed N] [FORMAT...]
+        python3 tests/tool/documents/robustness_test.py [--seconds N] [--seed N] [FORMAT...]
 
 Without arguments, as under CTest, a few of each format. With --seconds, so long for
 each format, or each of those named: that is what scripts/fuzz-extractors does. A

@@ -5,7 +5,7 @@ a verdict; those that hold more than the limits allow are not inspected; and the
 command and all its helpers together stay within time and memory. What became of each
 is printed as a table.
 
-    TESSERA=build/linux-release/bin/tessera python3 tests/tool/bombs_test.py
+    TESSERA=build/linux-release/bin/tessera python3 tests/tool/documents/bombs_test.py
 """
 
 import os
