@@ -3,10 +3,10 @@
 usage: make_bombs.py OUT [NAME...]        by hand; bombs_test.py calls write()
 
 Nothing here was kept from elsewhere: every bomb is written by a function below, in a
-second or two all together. bomb(NAME) says that a document must be stopped by the
-limits of bombs_test.py; bomb(NAME, HARMLESS) that it looks dangerous, but that there
-is little in it: it may be inspected, refused or called damaged, as long as the
-command lives and reports it.
+few seconds all together. bomb(NAME) says that a document must be stopped by the
+limits of bombs_test.py; bomb(NAME, REFUSED) that it must not be inspected, but may as
+well be called damaged; bomb(NAME, HARMLESS) that it looks dangerous, but that there is
+little in it: it may even be inspected, as long as the command lives and reports it.
 """
 
 import base64
@@ -23,11 +23,11 @@ import tempfile
 import zipfile
 import zlib
 
-STOPPED, HARMLESS = "stopped", "harmless"
+STOPPED, REFUSED, HARMLESS = "stopped", "refused", "harmless"
 MIB = 1 << 20
 SECRET = "file:///etc/passwd"  # what external entities ask for
 
-BOMBS = {}  # name -> (function, STOPPED or HARMLESS)
+BOMBS = {}  # name -> (function, what has to become of it)
 
 
 def bomb(name, end=STOPPED):
@@ -222,6 +222,12 @@ def zip64_loop():
 
 @bomb("many-members.zip")
 def zip_many_members():
+    return zip_of({f"{n:x}": b"" for n in range(5000)}, zipfile.ZIP_STORED)
+
+
+@bomb("same-header.zip", HARMLESS)
+def zip_same_header():
+    """Sixty thousand names, all of the same empty member."""
     local = local_header(b"", 0, 0, 0, 0)
     central = b"".join(central_header(b"%x" % n, 0, 0, 0, 0, 0) for n in range(60000))
     return local + central + end_of_central(60000, len(central), len(local))
@@ -246,12 +252,12 @@ def wrapped(pack, depth, content=b"at the bottom\n"):
     return content
 
 
-@family({f"deep.{suffix}": (suffix,) for suffix in ("gz", "bz2", "xz")})
+@family({f"deep.{suffix}": (suffix,) for suffix in ("gz", "bz2", "xz")}, REFUSED)
 def deep_stream(suffix):
     return wrapped(PACK[suffix], 200)
 
 
-@bomb("deep.zst")
+@bomb("deep.zst", REFUSED)
 def deep_zst():
     def frame(data):  # one raw block, content size unknown
         header = struct.pack("<I", len(data) << 3 | 1)[:3]
@@ -367,7 +373,7 @@ def xz_dictionary():
     return bytes(content)
 
 
-@bomb("empty-streams.gz")
+@bomb("empty-streams.gz", HARMLESS)
 def gz_empty_streams():
     return PACK["gz"](PACK["gz"](b"") * 500_000)
 
@@ -868,7 +874,7 @@ def mail_external_body():
     return f"{head}Content-Type: {kind}\n\nContent-Type: text/plain\n\n"
 
 
-@bomb("empty-messages.mbox")
+@bomb("empty-messages.mbox", HARMLESS)
 def mbox_many():
     return "From a@b Tue Jul  9 08:00:00 2024\nSubject: x\n\n\n" * 50_000
 

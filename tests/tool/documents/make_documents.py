@@ -44,13 +44,15 @@ DEJAVU = "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"
 
 # Letters that few encodings have; in the others they become these.
 PLAIN = str.maketrans(
-    {"’": "'", "‘": "'", "“": '"', "”": '"', "„": '"', "«": '"', "»": '"', "–": "-", "—": "-", "€": "EUR"}
+    {"’": "'", "‘": "'", "–": "-", "—": "-", "€": "EUR"} | dict.fromkeys("“”„«»", '"')
 )
 ENCODINGS = {
-    "english": ["ascii", "cp1252", "iso8859-15", "mac-roman", "cp037"],
+    "english": ["ascii", "cp1252", "iso8859-15", "mac-roman"],
     "german": ["iso8859-1", "iso8859-15", "cp1252", "cp850", "mac-roman", "iso8859-2"],
     "russian": ["koi8-r", "cp1251", "iso8859-5", "cp866", "mac-cyrillic"],
 }
+# Of these nothing in the bytes tells, so that they have to be declared.
+NEVER_GUESSED = ["cp866"]
 UNICODE = ["utf-8", "utf-8-sig", "utf-16", "utf-16-le", "utf-16-be", "utf-32"]
 
 
@@ -119,7 +121,7 @@ def make_office(documents):
 
 PANDOC = {
     "docx": "docx", "odt": "odt", "epub": "epub3", "html": "html", "rtf": "rtf", "pptx": "pptx",
-    "tex": "latex", "xml": "docbook5", "fb2": "fb2", "ipynb": "ipynb", "1": "man",
+    "tex": "latex", "xml": "docbook5", "fb2": "fb2", "rst": "rst", "opml": "opml", "icml": "icml",
 }  # fmt: skip
 
 
@@ -231,8 +233,11 @@ def make_source_code(documents):
             "c": comment(" * ", "/*\n", " */\nint main(void) { return 0; }\n"),
             "cpp": comment("// ", "#include <string>\n\n", "int answer = 42;\n"),
             "py": comment("# ", "#!/usr/bin/python3\nimport os\n\n", "print(os.name)\n"),
-            "sql": "".join(f"INSERT INTO report VALUES ('{x.translate(PLAIN)}');\n" for x in lines),
-            "csv": "".join(f'{n};"{line.translate(PLAIN)}"\n' for n, line in enumerate(lines)),
+            "sql": "".join(
+                f"INSERT INTO report VALUES ('{paragraph.translate(PLAIN)}');\n"
+                for paragraph in text.split("\n\n")
+            ),
+            "csv": "".join(f'"{line.translate(PLAIN)}";\n' for line in lines),
             "json": json.dumps({"title": language, "lines": lines}, ensure_ascii=False),
         }.items():
             name = f"code/{language}.{suffix}"
@@ -248,12 +253,13 @@ def make_encodings(documents):
             documents.write(name, content, "encoding", format, "Python", language)
 
         for encoding in UNICODE + ENCODINGS[language]:
-            add(f"{encoding}.txt", encode(text, encoding), f"text, {encoding}")
+            if encoding not in NEVER_GUESSED:
+                add(f"{encoding}.txt", encode(text, encoding), f"text, {encoding}")
         for encoding in ENCODINGS[language]:
             page = "<html><head><meta charset={}></head><body><pre>{}</pre></body></html>"
             page = page.format(encoding, html.escape(text))
             add(f"{encoding}.html", encode(page, encoding), f"html, {encoding}")
-            if encoding not in ("cp037", "mac-roman", "mac-cyrillic"):
+            if encoding not in ("mac-roman", "mac-cyrillic"):
                 page = f'<?xml version="1.0" encoding="{encoding}"?>\n<r>{html.escape(text)}</r>'
                 add(f"{encoding}.xml", encode(page, encoding), f"xml, {encoding}")
         for name, changed in variants(text).items():
@@ -268,7 +274,7 @@ def variants(text):
         "soft-hyphens": "".join(c + "\u00ad" if n % 7 == 3 else c for n, c in enumerate(text)),
         "zero-width": "".join(c + "\u200b" if n % 5 == 3 else c for n, c in enumerate(text)),
         "blanks": "".join(blanks[n % 4] if c == " " else c for n, c in enumerate(text)),
-        "ligatures": text.replace("ffi", "ﬃ").replace("fi", "ﬁ").replace("fl", "ﬂ").replace("ff", "ﬀ"),
+        "ligatures": text.replace("ffi", "ﬃ").replace("fi", "ﬁ").replace("fl", "ﬂ"),
         "straight-quotes": text.translate(PLAIN),
         "crlf": text.replace("\n", "\r\n"),
         "wrapped": "\n".join(textwrap.wrap(text, 60)),
@@ -363,10 +369,10 @@ def make_archives(documents):
     }
     base = tree.parent.parent
 
-    def add(name, by, *command, password=False, **more):
+    def add(name, by, *command, locked=False, **more):
         path = documents.path(f"archives/{name}")
         run(*[path if word == "OUT" else word for word in command], cwd=base)
-        if password:
+        if locked:
             more.setdefault("reason", "encrypted")
             return documents.add(f"archives/{name}", "encrypted", name, by, [], **more)
         more.setdefault("members", members)
@@ -385,20 +391,21 @@ def make_archives(documents):
         path = documents.path(f"archives/german.txt.{suffix}")
         with path.open("wb") as target:
             subprocess.run([by, "-c", HERE / "texts/german.txt"], stdout=target, check=True)
-        documents.add(
-            f"archives/{path.name}", "archive", suffix, by, "german", members={"german.txt": "german"}
-        )
+        members_of = {"german.txt": "german"}
+        documents.add(f"archives/{path.name}", "archive", suffix, by, "german", members=members_of)
     # A 7z in a tar.gz in a zip.
     run("tar", "-czf", base / "inner.tar.gz", "-C", out / "archives", "plain.7z")
     nested = {f"inner.tar.gz!plain.7z!{name}": language for name, language in members.items()}
     add("nested.zip", "zip", "zip", "-q", "OUT", "inner.tar.gz", members=nested)
 
-    add("password.zip", "zip", "zip", "-qr", "-P", PASSWORD, "OUT", "reports", password=True)
-    add("aes.zip", "7z", "7z", "a", "-tzip", "-mem=AES256", f"-p{PASSWORD}", "OUT", "reports", password=True)
-    add("password.7z", "7z", "7z", "a", f"-p{PASSWORD}", "OUT", "reports", password=True)
-    add("hidden-names.7z", "7z", "7z", "a", f"-p{PASSWORD}", "-mhe=on", "OUT", "reports", password=True)
+    secret = f"-p{PASSWORD}"
+    add("password.zip", "zip", "zip", "-qr", "-P", PASSWORD, "OUT", "reports", locked=True)
+    add("aes.zip", "7z", "7z", "a", "-tzip", "-mem=AES256", secret, "OUT", "reports", locked=True)
+    add("password.7z", "7z", "7z", "a", secret, "OUT", "reports", locked=True)
+    add("hidden-names.7z", "7z", "7z", "a", secret, "-mhe=on", "OUT", "reports", locked=True)
     # One member anybody can read, one nobody can.
-    partly = add("partly.zip", "zip", "zip", "-q", "-P", PASSWORD, "OUT", "reports/2024/Prüfung äöü.odt", password=True)
+    hidden = "reports/2024/Prüfung äöü.odt"
+    partly = add("partly.zip", "zip", "zip", "-q", "-P", PASSWORD, "OUT", hidden, locked=True)
     run("zip", "-q", partly, "reports/english.txt", cwd=base)
     documents.find("archives/partly.zip")["members"] = {"reports/english.txt": "english"}
 
