@@ -41,7 +41,7 @@ class Run:
     seconds: float
     memory: int  # most bytes that all its processes together held
     processes: int  # most at a time
-    left: list  # processes that were there after it
+    left: list  # processes that did not end with it
 
     def verdicts(self):
         return [verdict(json.loads(line)) for line in self.out.splitlines() if is_document(line)]
@@ -86,6 +86,13 @@ class Watch(threading.Thread):
                 self.family[pid] = started
                 found[pid] = held
         return found
+
+    def left(self):
+        """What is still there some time after the end."""
+        deadline = time.monotonic() + 3
+        while (alive := self.alive()) and time.monotonic() < deadline:
+            time.sleep(0.02)
+        return list(alive)
 
     def run(self):
         while not self.over.wait(0.02):
@@ -147,5 +154,5 @@ def run(*arguments, home, cwd=None, timeout=300, data=None):
         time.monotonic() - begun,
         watch.memory,
         watch.processes,
-        list(watch.alive()),
+        watch.left(),
     )

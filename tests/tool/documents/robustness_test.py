@@ -12,12 +12,17 @@ parser has a defect.
 """
 
 import argparse
+import bz2
+import gzip
+import io
+import lzma
 import pathlib
 import random
 import shutil
 import sys
 import tempfile
 import time
+import zipfile
 
 from command import DOCUMENTS, DONE, MATCHED, NOT_INSPECTED, documents, run
 
@@ -76,13 +81,38 @@ def splice(chance, data, other):
 CHANGES = [flip_bits, flip_bits, overwrite, overwrite, cut, remove, repeat, splice]
 
 
-def mutation(chance, sources):
-    data = bytearray(chance.choice(sources).read_bytes())
-    other = chance.choice(sources).read_bytes()
+def changed(chance, content, other):
+    data = bytearray(content)
     for _ in range(chance.choice([1, 1, 2, 4])):
         if data:
             chance.choice(CHANGES)(chance, data, other)
     return bytes(data)
+
+
+PACKERS = {".gz": gzip, ".bz2": bz2, ".xz": lzma}
+
+
+def changed_inside(chance, path, other):
+    """The same below the compression, where no checksum tells at once; None if there is none."""
+    if path.suffix in PACKERS:
+        packer = PACKERS[path.suffix]
+        return packer.compress(changed(chance, packer.decompress(path.read_bytes()), other))
+    if not zipfile.is_zipfile(path):
+        return None
+    out = io.BytesIO()
+    with zipfile.ZipFile(path) as source, zipfile.ZipFile(out, "w") as target:
+        members = [member for member in source.infolist() if not member.flag_bits & 1]
+        hit = chance.choice(members) if members else None
+        for member in members:
+            content = source.read(member)
+            target.writestr(member, changed(chance, content, other) if member is hit else content)
+    return out.getvalue()
+
+
+def mutation(chance, sources):
+    path, other = chance.choice(sources), chance.choice(sources).read_bytes()
+    inside = changed_inside(chance, path, other) if chance.random() < 0.6 else None
+    return changed(chance, path.read_bytes(), other) if inside is None else inside
 
 
 class Failed(Exception):
@@ -97,14 +127,15 @@ def keep(paths, what):
     return kept
 
 
-def try_batch(home, directory, name, seed, sources, count):
+def try_batch(scratch, name, seed, sources, count):
     """Runs `count` damaged documents; returns how many were inspected, refused, crashed."""
-    paths = []
+    directory, paths = scratch / f"{name}-{seed}", []
+    directory.mkdir()
     for number in range(count):
         content = mutation(random.Random(f"{name} {seed} {number}"), sources)
         paths.append(directory / f"{seed}-{number}.{name}")
         paths[-1].write_bytes(content)
-    done = run("match", "--json", "--min-level=0", *LIMITS, directory, home=home)
+    done = run("match", "--json", "--min-level=0", *LIMITS, directory, home=scratch / "home")
     verdicts = done.verdicts() if done.status in (DONE, MATCHED, NOT_INSPECTED) else []
     told = {verdict.name for verdict in verdicts}
     silent = [path for path in paths if str(path) not in told]
@@ -118,17 +149,14 @@ def try_batch(home, directory, name, seed, sources, count):
     if crashed:
         keep(crashed, "crashed")
     refused = {verdict.name.split("!")[0] for verdict in verdicts if verdict.reason} - crashed
-    for path in paths:
-        path.unlink()
+    shutil.rmtree(directory)
     return len(told & set(map(str, paths))) - len(refused) - len(crashed), len(refused), len(crashed)
 
 
 def try_format(scratch, name, sources, seed, seconds):
-    directory, home = scratch / "damaged", scratch / "home"
-    directory.mkdir(exist_ok=True)
     end, sums = time.monotonic() + seconds, [0, 0, 0]
     while True:
-        counts = try_batch(home, directory, name, seed, sources, BATCH if seconds else 6)
+        counts = try_batch(scratch, name, seed, sources, BATCH if seconds else 6)
         sums = [a + b for a, b in zip(sums, counts)]
         seed += 1
         if time.monotonic() >= end:
