@@ -97,10 +97,12 @@ def changed_inside(chance, path, other):
     if path.suffix in PACKERS:
         packer = PACKERS[path.suffix]
         return packer.compress(changed(chance, packer.decompress(path.read_bytes()), other))
-    if not zipfile.is_zipfile(path):
-        return None
     out = io.BytesIO()
-    with zipfile.ZipFile(path) as source, zipfile.ZipFile(out, "w") as target:
+    try:
+        archive = zipfile.ZipFile(path)
+    except zipfile.BadZipFile:
+        return None
+    with archive as source, zipfile.ZipFile(out, "w") as target:
         members = [member for member in source.infolist() if not member.flag_bits & 1]
         hit = chance.choice(members) if members else None
         for member in members:
