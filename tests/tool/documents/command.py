@@ -28,10 +28,6 @@ class Verdict:
     signatures: int
     matches: dict  # name of the indexed document -> (level, hits)
 
-    @property
-    def inspected(self):
-        return not self.reason
-
 
 @dataclasses.dataclass
 class Run:
@@ -53,13 +49,9 @@ def is_document(line):
 
 def verdict(record):
     matches = {found["name"]: (found["level"], found["hits"]) for found in record["matches"]}
-    return Verdict(
-        record["name"],
-        record.get("reason", ""),
-        record.get("detail", ""),
-        record.get("signatures", 0),
-        matches,
-    )
+    missing = record.get("not_inspected", {"reason": "", "detail": ""})
+    signatures = record.get("signatures", 0)
+    return Verdict(record["name"], missing["reason"], missing["detail"], signatures, matches)
 
 
 def documents(*kinds):

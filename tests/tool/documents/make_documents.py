@@ -121,7 +121,7 @@ def make_office(documents):
 
 PANDOC = {
     "docx": "docx", "odt": "odt", "epub": "epub3", "html": "html", "rtf": "rtf", "pptx": "pptx",
-    "tex": "latex", "xml": "docbook5", "fb2": "fb2", "rst": "rst", "opml": "opml", "icml": "icml",
+    "tex": "latex", "xml": "docbook5", "fb2": "fb2", "rst": "rst", "icml": "icml",
 }  # fmt: skip
 
 
