@@ -252,3 +252,104 @@ seed("exports", "damaged_tree", INIT_INDEX, document(1, 1), EXIT_INDEX, DAMAGE, 
 seed("exports", "pieces_of_one", CONFIGURE, 2, 0, 3, INIT_INDEX, document(1, 1, 2),
      document(2, 3, 4), document(1, 5), document(3, 1), document(4, 7), ERASE, 1, 2, EXIT_INDEX, INIT_MATCH,
      match(1, 2, 3, 7))
+
+# ---- canonical_text: length of the declared label; label; bytes
+
+GERMAN = "Größe „über“ – Maß… weiß " * 4
+RUSSIAN = "Правление решило, что договоры будут храниться в сейфе. " * 4
+JAPANESE = "取締役会は、すべての契約書を金庫に保管することを決定した。" * 3
+for label, text in (("utf-8", GERMAN), ("windows-1252", GERMAN), ("koi8-r", RUSSIAN.replace("–", "-")),
+                    ("windows-1251", RUSSIAN), ("shift_jis", JAPANESE), ("gb18030", JAPANESE),
+                    ("iso2022_jp", JAPANESE), ("utf-7", GERMAN), ("utf-16-le", GERMAN)):
+    name = label.replace("-", "_")
+    seed("canonical_text", f"{name}_declared", len(label), label, text.encode(label))
+    seed("canonical_text", f"{name}_guessed", 0, text.encode(label))
+for encoding in ("utf-8-sig", "utf-16", "utf-32"):
+    seed("canonical_text", f"mark_of_{encoding.replace('-', '_')}", 0, GERMAN.encode(encoding))
+seed("canonical_text", "accents_out_of_order", 0, "a" + "\u0301\u0316\u0f73\u0344" * 30)
+seed("canonical_text", "invisible_between_letter_and_accent", 0, "e\u200b\u00ad\u034f\u0301 \ufb01\u0301")
+seed("canonical_text", "signs_that_are_folded", 0,
+     "«a» ‚b‘ c – d … • © ½ → ĳ ﬃ Ａ～　\u2028\u2029\u0085\r\n\r\u1ffd\u0387")
+seed("canonical_text", "malformed", 0, b"a\xff\xc0\x80\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82")
+seed("canonical_text", "jamo", 0, "\u1100" * 20 + "\u1161" * 20 + "\u11a8" * 20)
+
+# ---- extract_html, extract_xml, extract_mail, extract_rtf: the document itself
+
+seed("extract_html", "page", "<!DOCTYPE html><html><head><title>T</title><meta charset=koi8-r>"
+     "<script>x</script></head><body><p>one <b>bo</b>ld &uuml;<img alt='a' title=\"t\"><table><tr>"
+     "<td>c<td>d</table><!-- x --></body></html><p>after")
+seed("extract_html", "misnested", "<p><font size=1><b><i></p><a><p></a></b><table><b>x<tr><p><svg>"
+     "<style><template><select><option>y</table></i><frameset><plaintext>")
+seed("extract_xml", "document", "<?xml version='1.0' encoding='windows-1251'?><a b='c'>\u00cc",
+     b"\xcc<![CDATA[d]]>&lt;<e/></a>")
+seed("extract_xml", "entities", "<!DOCTYPE a [<!ENTITY b 'x'><!ENTITY c '&b;&b;'><!ENTITY d SYSTEM "
+     "'file:///dev/null'><!ENTITY % p 'q'>%p;]><a>&c;&d;</a>")
+seed("extract_xml", "web_page", "<!DOCTYPE html PUBLIC 'x' 'y'><html><head><title/></head><body>"
+     "<p>caf&eacute;<script>x</script><br/></p></body></html>")
+seed("extract_mail", "parts", "From: a@b\nSubject: =?utf-8?Q?=C3=BC?=\nMIME-Version: 1.0\n"
+     "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: multipart/alternative; "
+     "boundary=c\n\n--c\nContent-Type: text/plain; charset=koi8-r\nContent-Transfer-Encoding: "
+     "quoted-printable\n\n=CD\n--c\nContent-Type: text/html\n\n<p>x\n--c--\n--b\nContent-Type: "
+     "message/rfc822\n\nSubject: i\n\nt\n--b\nContent-Disposition: attachment; filename*=utf-8''%41"
+     "\nContent-Transfer-Encoding: base64\n\nAAEC\n--b--\n")
+seed("extract_mail", "mailbox", "From a\nSubject: 1\n\nx\n\nFrom b\nContent-Type: message/partial; "
+     "id=x; number=1\n\ny\nbegin 644 f\n#0V%T\n`\nend\n")
+seed("extract_mail", "signed", "Content-Type: application/pkcs7-mime\n\n0", b"\x28\x06\x09*\x86H"
+     b"\x86\xf7\x0d\x01\x07\x02\xa0\x1b0\x19\x02\x01\x01\x31\x000\x10\x06\x09*\x86H\x86\xf7\x0d"
+     b"\x01\x07\x01\xa0\x03\x04\x01x\x31\x00")
+seed("extract_rtf", "document", "{\\rtf1\\ansi\\ansicpg1252\\deff0{\\fonttbl{\\f0 A;}{\\f1\\fcharset"
+     "204 B;}}\\uc1 a\\u1055?\\'e9{\\f1\\'cf}{\\*\\unknown x}{\\footnote n}\\par\\tab{\\pict\\bin3 "
+     "}}}}{\\deleted d}\\u-10179 ?\\u-8704 ?}")
+seed("extract_rtf", "object", "{\\rtf1{\\object{\\*\\objclass X}{\\*\\objdata 0105000002000000020000"
+     "00410000000000000000000300000043617400}{\\result r}}{\\upr{?}{\\*\\ud{\\u1055 ?}}}{\\shp{\\*"
+     "\\shpinst{\\shptxt b}}}}")
+
+# ---- extract_office: names and contents of the members of an archive
+
+
+def members(*names_and_contents):
+    return "\n%\n".join(names_and_contents)
+
+
+def relationship(number, kind, target):
+    return f"<Relationship Id='r{number}' Type='x/{kind}' Target='{target}'/>"
+
+
+seed("extract_office", "docx", members(
+    "_rels/.rels", f"<R>{relationship(1, 'officeDocument', 'word/document.xml')}</R>",
+    "word/document.xml", "<w:document><w:p><w:r><w:t>a</w:t><w:tab/></w:r><w:del><w:delText>b"
+    "</w:delText></w:del><w:txbxContent><w:p><w:t>c</w:t></w:p></w:txbxContent></w:p></w:document>",
+    "word/embeddings/o.bin", "x"))
+seed("extract_office", "xlsx", members(
+    "_rels/.rels", f"<R>{relationship(1, 'officeDocument', '/xl/workbook.xml')}</R>",
+    "xl/workbook.xml", "<workbook><sheet name='S' r:id='r1'/></workbook>",
+    "xl/_rels/workbook.xml.rels", f"<R>{relationship(1, 'worksheet', '../xl/s.xml')}"
+    f"{relationship(2, 'sharedStrings', 't.xml')}</R>",
+    "xl/s.xml", "<worksheet><row><c t='s'><v>0</v></c><c><v>0.10000000000000001</v></c></row>"
+    "</worksheet>", "xl/t.xml", "<sst><si><t>a</t></si></sst>"))
+seed("extract_office", "pptx", members(
+    "_rels/.rels", f"<R>{relationship(1, 'officeDocument', 'p.xml')}</R>",
+    "p.xml", "<p:presentation><p:sldId id='1' r:id='r1'/></p:presentation>",
+    "_rels/p.xml.rels", f"<R>{relationship(1, 'slide', 's.xml')}</R>",
+    "s.xml", "<p:sld><p:sp><a:p><a:t>a</a:t><a:fld type='slidenum'><a:t>1</a:t></a:fld></a:p></p:sp>"
+    "</p:sld>", "m.xml", "<p:sldMaster><p:sp><p:ph/><a:t>b</a:t></p:sp></p:sldMaster>"))
+seed("extract_office", "odt", members(
+    "META-INF/manifest.xml", "<m><m:file-entry m:full-path='x'><m:encryption-data/></m:file-entry></m>",
+    "content.xml", "<o><text:p>a<text:s text:c='9'/><text:note><text:p>n</text:p></text:note>"
+    "<draw:frame><text:p>f</text:p></draw:frame></text:p></o>", "Object 1", "x", "x", "y"))
+seed("extract_office", "epub", members(
+    "META-INF/container.xml", "<c><rootfile full-path='a/b.opf'/></c>",
+    "a/b.opf", "<p><dc:title>T</dc:title><item id='i' href='%31.xhtml' "
+    "media-type='application/xhtml+xml'/><itemref idref='i'/></p>",
+    "a/1.xhtml", "<html><p>t<br/></p></html>",
+    "META-INF/encryption.xml", "<e><CipherReference URI='a/2.html'/></e>", "a/2.html", "x"))
+seed("extract_office", "compound_file",
+     b"\xd0\xcf\x11\xe0\xa1\xb1\x1a\xe1", bytes(22), u16(9), u16(6), bytes(14), u32(1), bytes(8),
+     u32(2), u32(1), u32(0xFFFFFFFE), u32(0), u32(0),
+     b"\xff" * 432,
+     u32(0xFFFFFFFD), u32(0xFFFFFFFE), u32(0xFFFFFFFE), u32(4), u32(0xFFFFFFFE), b"\xff" * 492,
+     "Root".encode("utf-16-le").ljust(64, b"\0"), u16(10), b"\5\1", b"\xff" * 8, u32(1), bytes(36),
+     u32(3), u32(128), u32(0),
+     "Package".encode("utf-16-le").ljust(64, b"\0"), u16(16), b"\2\1", b"\xff" * 12, bytes(36),
+     u32(0), u32(70), u32(0), bytes(256),
+     u32(1), u32(0xFFFFFFFE), b"\xff" * 504, b"x" * 1024)

@@ -29,13 +29,16 @@ class MemoryFile final : public platform::File {
   MemoryFile(std::shared_ptr<MemorySystem::Node> node, OpenMode mode)
       : node_(std::move(node)),
         readable_(mode != OpenMode::kRewrite),
-        writable_(mode != OpenMode::kRead),
-        owner_(mode == OpenMode::kOwn) {
+        writable_(mode != OpenMode::kRead && mode != OpenMode::kShare),
+        owner_(mode == OpenMode::kOwn),
+        sharer_(mode == OpenMode::kShare) {
     if (owner_) node_->owned = true;
+    if (sharer_) ++node_->sharers;
     ++node_->handles;
   }
   ~MemoryFile() override {
     if (owner_) node_->owned = false;
+    if (sharer_) --node_->sharers;
     --node_->handles;
   }
   MemoryFile(const MemoryFile&) = delete;
@@ -85,6 +88,7 @@ class MemoryFile final : public platform::File {
   const bool readable_;
   const bool writable_;
   const bool owner_;
+  const bool sharer_;
   uint64_t position_ = 0;
 };
 
@@ -182,11 +186,12 @@ std::unique_ptr<platform::File> MemorySystem::open(const char* path, OpenMode mo
   const auto found = files_.find(place.path);
   std::shared_ptr<Node> node = found == files_.end() ? nullptr : found->second;
   if (!node) {
-    if (mode == OpenMode::kRead) return nullptr;
+    if (mode == OpenMode::kRead || mode == OpenMode::kShare) return nullptr;
     node = std::make_shared<Node>();
     files_[place.path] = node;
   }
-  if (mode == OpenMode::kOwn && node->owned) return nullptr;
+  if (mode == OpenMode::kOwn && (node->owned || node->sharers > 0)) return nullptr;
+  if (mode == OpenMode::kShare && node->owned) return nullptr;
   if (mode == OpenMode::kNew && found != files_.end()) return nullptr;
   if (mode == OpenMode::kRewrite) node->bytes.clear();
   return std::make_unique<MemoryFile>(std::move(node), mode);

@@ -67,6 +67,7 @@ class MemorySystem : public platform::System {
   struct Node {
     std::string bytes;
     bool owned = false;  // open with kOwn
+    int sharers = 0;     // handles open with kShare
     int handles = 0;
   };
 

@@ -153,4 +153,17 @@ TEST_F(MemorySystemTest, CountsOpenHandles) {
   EXPECT_EQ(0, memory_.openFiles());
 }
 
+TEST_F(MemorySystemTest, AnOwnerAndASharerKeepEachOtherOut) {
+  EXPECT_EQ(nullptr, memory_.open("a", OpenMode::kShare));
+  auto owner = memory_.open("a", OpenMode::kOwn);
+  EXPECT_EQ(nullptr, memory_.open("a", OpenMode::kShare));
+  owner.reset();
+  const auto first = memory_.open("a", OpenMode::kShare);
+  auto second = memory_.open("a", OpenMode::kShare);
+  ASSERT_NE(nullptr, second);
+  EXPECT_FALSE(second->write("a", 1));
+  second.reset();
+  EXPECT_EQ(nullptr, memory_.open("a", OpenMode::kOwn));
+}
+
 }  // namespace

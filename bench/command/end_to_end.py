@@ -8,10 +8,11 @@ their names. They are indexed into an empty home, once more unchanged, and match
 all processors; then each kind is matched by itself, one file at a time.
 
 Two tables, as Markdown: how long each run took, and which programs used the
-processors meanwhile. Extraction is what tessera-extract and its helper programs use,
-fingerprinting, catalogue, index and search what the command itself does; their share
-is told by its phases, as --progress json shows them. A process that lives for less
-than a hundredth of a second is counted with the one that waited for it.
+processors meanwhile. Extraction is what tessera-extract and its helper programs use;
+fingerprinting, catalogue, index and search are what the command itself does, and its
+phases, as --progress json shows them, tell when. Processes are looked at a hundred
+times a second; what a helper program used that ended between two looks is told by the
+extractor that waited for it ("other helpers").
 """
 
 import collections
@@ -55,8 +56,7 @@ class Times(threading.Thread):
     def __init__(self, root):
         super().__init__(daemon=True)
         self.root, self.over = root, threading.Event()
-        self.used = {}  # process -> (program, seconds of its own, of those it waited for)
-        self.waited = {}
+        self.used = {}  # process -> (program, its seconds, of those it waited for, parent)
         self.memory = 0
 
     def sample(self):
@@ -87,6 +87,20 @@ class Times(threading.Thread):
         while not self.over.wait(0.01):
             self.sample()
 
+    def by_program(self):
+        sums, waited = collections.Counter(), 0.0
+        for name, own, children, _ in self.used.values():
+            sums[name] += own
+            waited += children if name == "tessera-extract" else 0.0
+        seen = sum(s for name, s in sums.items() if not name.startswith("tessera"))
+        sums["other helpers"] = max(0.0, waited - seen)
+        return sums
+
+
+def run(self):
+        while not self.over.wait(0.01):
+            self.sample()
+
     def by_program(self, total):
         sums = collections.Counter()
         for name, own, *_ in self.used.values():
@@ -97,7 +111,7 @@ class Times(threading.Thread):
 
 def run(tessera, home, *arguments):
     """Returns what a run of the command took; the output is not looked at."""
-    begun, before = time.monotonic(), os.times()
+    begun = time.monotonic()
     process = subprocess.Popen(
         [tessera, *arguments],
         env={**os.environ, "TESSERA_HOME": str(home)},
@@ -128,20 +142,19 @@ def run(tessera, home, *arguments):
         pass
     reader.join()
     process.wait()
-    end, after = time.monotonic(), os.times()
+    end = time.monotonic()
     phases[last[1]] += end - last[0]
     times.over.set()
     times.join()
     if process.returncode == 2:
         sys.stderr.buffer.write(b"".join(errors[-5:]))
         sys.exit(f"tessera {' '.join(map(str, arguments[:3]))} ...: status 2")
-    used = after.children_user + after.children_system
-    used -= before.children_user + before.children_system
+    programs = times.by_program()
     return {
         "status": process.returncode,
         "seconds": end - begun,
-        "processor": used,
-        "programs": times.by_program(used),
+        "processor": sum(programs.values()),
+        "programs": programs,
         "phases": phases,
         "memory": times.memory,
     }
@@ -193,8 +206,7 @@ def main():
     table(head, rows)
     rows = []
     for name, (_, done) in runs.items():
-        whole = done["processor"] or 1
-        shares = [f"{p} {100 * s / whole:.0f} %" for p, s in done["programs"].most_common(6) if s]
+        shares = [f"{p} {s:.1f} s" for p, s in done["programs"].most_common(6) if s >= 0.05]
         phases = [f"{phase} {seconds:.1f} s" for phase, seconds in done["phases"].items()]
         rows.append([name, ", ".join(shares), ", ".join(phases) if len(phases) > 1 else ""])
     table(["run", "processor time of", "phases"], rows)

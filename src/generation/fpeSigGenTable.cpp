@@ -45,12 +45,6 @@ constexpr LevelParameters kLevels[] = {
 };
 static_assert(std::size(kLevels) == kHighestLevel - kLowestLevel + 1);
 
-// Letters and digits carry a text. Bytes from 128 up do in every encoding but
-// ASCII, so they stay without a look at what they encode.
-bool carriesText(int c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c >= 128;
-}
-
 void buildCharacterFilter() {
   for (int c = 0; c < 256; ++c) text_signaturer.character_filter[c] = carriesText(c) ? 1 : 0;
 }

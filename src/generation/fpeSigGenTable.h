@@ -19,6 +19,12 @@ enum Platform : int {
   kClient = 2,  // every selected window
 };
 
+// Letters and digits carry a text. Bytes from 128 up do in every encoding but
+// ASCII, so they stay without a look at what they encode.
+constexpr bool carriesText(int c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c >= 128;
+}
+
 // Parameters for documents of one class of size. The classes leave no gap;
 // the last one is open, which its upper bound 0 says.
 struct SigGenRow {

@@ -61,8 +61,8 @@ extern const TextKernel kAvx2Kernel;
 extern const TextKernel kAvx512Kernel;
 #endif
 
-// Those that this processor can run, the fastest first. They use the tables that
-// initTextSignaturer() builds.
+// Those that this processor can run, the fastest first. normalise() uses the character
+// filter that initTextSignaturer() builds; select() needs nothing.
 std::span<const TextKernel* const> supportedKernels();
 
 // ---- What the kernels share ----

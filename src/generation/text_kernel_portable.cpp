@@ -42,7 +42,7 @@ inline uint64_t step(uint64_t g, const unsigned char* window, size_t i, uint64_t
   const uint64_t hash = turn(g, 3);
   if (hash * kInverse <= kMultiples) [[unlikely]]
     *bits |= uint64_t{1} << i;
-  uint64_t next = hash + window[DLP_SLIDE_WINDOW] - text_signaturer.karp_rabin_out[window[0]];
+  uint64_t next = hash + window[DLP_SLIDE_WINDOW] - (uint64_t{window[0]} << 15);
   if (next >= kHashModulus) [[unlikely]] {
     next += next >> 63 != 0 ? kHashModulus : 0 - kHashModulus;
   }

@@ -266,6 +266,10 @@ bool readMetaFile(const std::string& path, MetaData* meta) {
   return true;
 }
 
+bool sameRecord(const MetaData& left, const MetaData& right) {
+  return left.fid_base == right.fid_base && left.sig_gen_level == right.sig_gen_level;
+}
+
 }  // namespace
 
 std::vector<std::string> rebuildFiles(const std::string& base_name) {
@@ -316,19 +320,20 @@ int rebuildTrees(const std::string& directory, const IndexSysConfiguration& conf
 }
 
 int rebuildMetaData(const std::string& directory, const IndexSysConfiguration& configuration) try {
-  MetaData meta;
-  if (load_meta_data(directory, kMetaDataFileName, &meta) == kOk) return kOk;
+  MetaData present;
+  const bool is_present = load_meta_data(directory, kMetaDataFileName, &present) == kOk;
   const std::string table_name = filePath(directory, configuration.search_table_fname);
+  MetaData meta;
   MetaData other;
   const bool weak = readMetaFile(table_name + kWeakMetaSuffix, &meta);
   const bool strong = readMetaFile(table_name + kStrongMetaSuffix, &other);
-  if (!weak) meta = other;
-  if ((!weak && !strong) ||
-      (weak && strong &&
-       (meta.fid_base != other.fid_base || meta.sig_gen_level != other.sig_gen_level))) {
+  const bool agree = weak && strong && sameRecord(meta, other);
+  if (is_present && (!agree || sameRecord(present, meta))) return kOk;
+  if (!agree && weak == strong) {
     LOG_ERROR("the meta files have no meta data record, or two");
     return kErrState;
   }
+  if (!weak) meta = other;
   unsigned char record[kMetaDataBytes];
   encodeMetaData(meta, &record);
   const std::string path = filePath(directory, kMetaDataFileName);

@@ -51,8 +51,10 @@ inline constexpr size_t kRebuildBatch = size_t{1} << 20;  // records sorted in m
 int rebuildTrees(const std::string& directory, const IndexSysConfiguration& configuration,
                  RebuildSource source, size_t batch_records = kRebuildBatch);
 
-// Does nothing when the file is whole. Returns 0; -1 when no meta file is whole,
-// or two are that differ; -5 when the file cannot be written.
+// The record of an index never changes, and the file has no check sum. So of three
+// whole copies the two that agree are believed, with two that differ the file itself.
+// Returns 0, also when there is nothing to do; -1 when the file is lost and no meta
+// file is whole, or two are that differ; -5 when the file cannot be written.
 int rebuildMetaData(const std::string& directory, const IndexSysConfiguration& configuration);
 
 // With the meta data, if that is lost. Returns 0; -1 when the trees are not

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 #include "bte_stream_base.h"
 #include "index_rebuild.h"
@@ -158,8 +159,9 @@ bool verifyTrees(const std::string& base_name, const std::vector<std::string>& s
   if (journal != UndoJournal::State::kIdle) {
     const bool batch = journal == UndoJournal::State::kBatch;
     reportDamage(v, batch ? Remedy::kOpenForWriting : Remedy::kNone, journal_path,
-                 batch ? "needs recovery: a batch was broken off; open the index once for writing"
-                       : "cannot be read");
+                 batch
+                     ? "interrupted: a batch was broken off; the next opening for writing undoes it"
+                     : "cannot be read");
     return false;
   }
   const std::vector<std::string> paths = TreeStore::filePaths(base_name, suffixes);
@@ -195,6 +197,21 @@ bool verifyTrees(const std::string& base_name, const std::vector<std::string>& s
   compareTrees(fid_sig, sig_fid, "postings", fid_sig.postings, sig_fid.postings, v);
   compareTrees(fid_sig, src_fid, "documents", fid_sig.documents, src_fid.documents, v);
   return sig_fid.sound;
+}
+
+// Who opens an index for writing owns the leaf blocks of its trees.
+WriterBar::WriterBar(const std::string& directory, const IndexSysConfiguration& configuration) {
+  const std::string base_name = filePath(directory, configuration.fid_index_fname);
+  for (const std::string& suffix : treeSuffixes()) {
+    const std::string path = TreeStore::filePaths(base_name, {suffix}).front();
+    auto file = platform::current().open(path.c_str(), platform::OpenMode::kShare);
+    if (!file && platform::current().open(path.c_str(), platform::OpenMode::kRead)) {
+      in_use_ = true;
+      files_.clear();
+      return;
+    }
+    files_.push_back(std::move(file));
+  }
 }
 
 Verification verifyIndex(const std::string& directory, const IndexSysConfiguration& configuration) {

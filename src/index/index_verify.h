@@ -5,19 +5,24 @@
 // the sig-fid tree; the meta data records against each other. Everything is
 // read from front to back, so an index may be far larger than memory.
 //
-// The files are opened for reading only and no lock is taken: verify an index
-// that nobody has open for writing, or a batch under way looks like damage.
+// The files are opened for reading only. A batch under way looks like damage, so
+// hold a WriterBar while you verify an index that others may open for writing.
 //
 // Tests: tests/unit/index/index_verify_test.cpp.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "platform.h"
 #include "vn_config.h"
 
 namespace dlp_btree {
+
+// The ranking addresses the strong table by signed 32-bit offsets.
+inline constexpr uint64_t kMatchableTableBytes = uint64_t{1} << 31;
 
 enum class Severity {
   kNote,     // nothing is wrong
@@ -59,6 +64,19 @@ struct Verification {
   std::vector<FileSize> files;  // those that exist
 
   bool isDamaged() const;
+};
+
+// Keeps everybody from opening an index for writing while it lives, unless somebody
+// has it open so already. Any number of them go together. Makes no file.
+class WriterBar {
+ public:
+  WriterBar(const std::string& directory, const IndexSysConfiguration& configuration);
+
+  bool indexIsInUse() const { return in_use_; }  // then nobody is kept out
+
+ private:
+  std::vector<std::unique_ptr<platform::File>> files_;
+  bool in_use_ = false;
 };
 
 // The names are those of the configuration. Throws std::bad_alloc and nothing

@@ -18,10 +18,7 @@ namespace {
 
 constexpr uint64_t kMetaFileBytes = kMetaDataBytes + kPrefixDirectoryBytes;
 
-// The ranking addresses the strong table by signed 32-bit offsets, the loading
-// measures it by unsigned ones.
-constexpr uint64_t kReachBytes = uint64_t{1} << 31;
-constexpr uint64_t kUnloadableBytes = UINT32_MAX;
+constexpr uint64_t kUnloadableBytes = UINT32_MAX;  // the loading measures by 32-bit numbers
 
 static_assert(sizeof(SigFidRecord) == sizeof(StrongElement), "an element is a record");
 
@@ -119,11 +116,12 @@ void verifyMetaFiles(const Tables& tables, const PrefixDirectory& weak,
 void verifyReach(const std::string& path, uint64_t bytes, Verification* v) {
   if (bytes >= kUnloadableBytes) {
     reportDamage(v, Remedy::kNone, path, "of 4 GiB and more is not loaded");
-  } else if (bytes > kReachBytes) {
+  } else if (bytes > kMatchableTableBytes) {
     reportDamage(v, Remedy::kNone, path, "past 2 GiB: matches of what lies beyond fail");
-  } else if (bytes >= kReachBytes / 4 * 3) {
+  } else if (bytes >= kMatchableTableBytes / 4 * 3) {
     report(v, Severity::kWarning, Remedy::kNone, path,
-           "fills " + number(bytes * 100 / kReachBytes) + " % of the 2 GiB that can be matched");
+           "fills " + number(bytes * 100 / kMatchableTableBytes) +
+               " % of the 2 GiB that can be matched");
   }
 }
 

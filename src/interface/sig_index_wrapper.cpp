@@ -6,6 +6,7 @@
 #include <atomic>
 #include <string>
 
+#include "addition_limit.h"
 #include "export_guard.h"
 #include "log.h"
 #include "paths.h"
@@ -18,7 +19,6 @@
 namespace {
 
 constexpr char kIndexDirectory[] = "sig_index_DB";
-constexpr char kLimitedTable[] = "sig_table.stbl";
 constexpr uint32_t kFixedLevel = 3;
 constexpr int kPendingAlready = 2;
 
@@ -108,6 +108,8 @@ int ExitIndexSystem(void) try {
 } catch (...) {
   return kFailure;
 }
+
+uint32_t maxStblSize() { return max_stbl_size; }
 
 int setMaxStblSize(unsigned int bytes) {
   max_stbl_size = bytes;

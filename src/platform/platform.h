@@ -42,6 +42,8 @@ enum class OpenMode {
              // all has the name already
   kOwn,      // as kUpdate, and refused while anyone else has it open with kOwn;
              // Windows keeps every other writer out as well
+  kShare,    // as kRead, and refused while anyone has it open with kOwn, whom it keeps
+             // out in turn; any number of these go together
 };
 
 // An open regular file with a position of its own, 0 at first; destruction

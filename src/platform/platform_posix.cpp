@@ -82,6 +82,7 @@ class PosixFile final : public File {
 int openFlags(OpenMode mode) {
   switch (mode) {
     case OpenMode::kRead:
+    case OpenMode::kShare:
       return O_RDONLY;
     case OpenMode::kRewrite:
       return O_WRONLY | O_CREAT;
@@ -133,6 +134,7 @@ class PosixSystem final : public System {
     // A lock of the open file, not of the process: it also keeps a second
     // handle of this process out, and it dies with its holder.
     if (mode == OpenMode::kOwn && ::flock(descriptor, LOCK_EX | LOCK_NB) != 0) return nullptr;
+    if (mode == OpenMode::kShare && ::flock(descriptor, LOCK_SH | LOCK_NB) != 0) return nullptr;
     if (mode == OpenMode::kRewrite && ::ftruncate(descriptor, 0) != 0) return nullptr;
     return file;
   }

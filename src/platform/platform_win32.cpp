@@ -116,6 +116,11 @@ Opening openingOf(OpenMode mode) {
       opening.access = GENERIC_READ;
       opening.disposition = OPEN_EXISTING;
       break;
+    case OpenMode::kShare:
+      opening.access = GENERIC_READ;
+      opening.share = FILE_SHARE_READ;
+      opening.disposition = OPEN_EXISTING;
+      break;
     case OpenMode::kRewrite:
       opening.access = GENERIC_WRITE;
       break;

@@ -149,6 +149,18 @@ TEST(SimulatedDisk, AnOwnerKeepsOthersOutUntilItClosesOrThePowerFails) {
   EXPECT_FALSE(disk.open("d/f", OpenMode::kOwn));
 }
 
+TEST(SimulatedDisk, AnOwnerAndASharerKeepEachOtherOut) {
+  SimulatedDisk disk(1);
+  EXPECT_FALSE(disk.open("d/f", OpenMode::kShare));
+  auto owner = disk.open("d/f", OpenMode::kOwn);
+  EXPECT_FALSE(disk.open("d/f", OpenMode::kShare));
+  owner.reset();
+  const auto sharer = disk.open("d/f", OpenMode::kShare);
+  EXPECT_TRUE(sharer);
+  EXPECT_FALSE(sharer->write("n", 1));
+  EXPECT_FALSE(disk.open("d/f", OpenMode::kOwn));
+}
+
 TEST(SimulatedDisk, FromTheCrashOnEveryCallFails) {
   SimulatedDisk disk(1);
   makeOld(&disk);

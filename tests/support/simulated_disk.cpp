@@ -18,12 +18,14 @@ class SimulatedFile final : public platform::File {
       : disk_(disk), boot_(disk->boot_), inode_(std::move(inode)), mode_(mode) {
     ++inode_->open;
     if (mode_ == platform::OpenMode::kOwn) inode_->owned = true;
+    if (mode_ == platform::OpenMode::kShare) ++inode_->sharers;
   }
 
   ~SimulatedFile() override {
     if (boot_ != disk_->boot_) return;
     --inode_->open;
     if (mode_ == platform::OpenMode::kOwn) inode_->owned = false;
+    if (mode_ == platform::OpenMode::kShare) --inode_->sharers;
   }
 
   bool seek(uint64_t offset) override {
@@ -73,7 +75,9 @@ class SimulatedFile final : public platform::File {
 
  private:
   bool alive() const { return disk_->running() && boot_ == disk_->boot_; }
-  bool writable() const { return alive() && mode_ != platform::OpenMode::kRead; }
+  bool writable() const {
+    return alive() && mode_ != platform::OpenMode::kRead && mode_ != platform::OpenMode::kShare;
+  }
 
   SimulatedDisk* const disk_;
   const uint64_t boot_;
@@ -122,6 +126,7 @@ void SimulatedDisk::applyTo(Names* names, const NameChange& change) {
 void SimulatedDisk::settle(Inode* inode) {
   inode->open = 0;
   inode->owned = false;
+  inode->sharers = 0;
   if (inode->unsynced.empty()) {
     inode->content = inode->durable;  // another one after a sync that failed
     return;
@@ -225,10 +230,11 @@ std::unique_ptr<platform::File> SimulatedDisk::open(const char* path, platform::
   if (!running()) return nullptr;
   const auto found = names_.find(path);
   InodeRef inode = found == names_.end() ? nullptr : found->second;
-  if (inode && mode == OpenMode::kOwn && inode->owned) return nullptr;
+  if (inode && mode == OpenMode::kOwn && (inode->owned || inode->sharers > 0)) return nullptr;
+  if (inode && mode == OpenMode::kShare && inode->owned) return nullptr;
   if (inode && mode == OpenMode::kNew) return nullptr;
   if (!inode) {
-    if (mode == OpenMode::kRead) return nullptr;
+    if (mode == OpenMode::kRead || mode == OpenMode::kShare) return nullptr;
     const bool done = powerStays();
     inode = std::make_shared<Inode>();
     unsynced_names_.push_back({path, inode, ""});

@@ -90,6 +90,7 @@ class SimulatedDisk final : public platform::System {
     std::vector<Change> unsynced;
     int open = 0;
     bool owned = false;
+    int sharers = 0;
   };
   using InodeRef = std::shared_ptr<Inode>;
   using Names = std::map<std::string, InodeRef>;

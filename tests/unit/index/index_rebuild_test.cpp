@@ -338,6 +338,26 @@ TEST_F(RebuildIndex, MetaDataComesFromEitherMetaFile) {
   EXPECT_TRUE(whole == allFiles());
 }
 
+// Tables written with another base would name other documents.
+TEST_F(RebuildIndex, OfThreeRecordsOfMetaDataTheTwoThatAgreeAreBelieved) {
+  make();
+  const auto whole = allFiles();
+  for (const char* const file : {"meta_data.bin", "search_table.wmeta", "search_table.smeta"}) {
+    flip(std::string("db/") + file, 2);
+    EXPECT_EQ(kOk, rebuildTables());
+    EXPECT_TRUE(whole == allFiles()) << file;
+  }
+  // Two meta files that disagree tell nothing about the file, nor does one alone.
+  flip("db/meta_data.bin", 2);
+  flip("db/search_table.wmeta", 3);
+  const std::string flipped = dir_.read("db/meta_data.bin");
+  EXPECT_EQ(kOk, rebuildMetaData());
+  EXPECT_EQ(flipped, dir_.read("db/meta_data.bin"));
+  remove("db/search_table.wmeta");
+  EXPECT_EQ(kOk, rebuildMetaData());
+  EXPECT_EQ(flipped, dir_.read("db/meta_data.bin"));
+}
+
 TEST_F(RebuildIndex, MetaDataIsNotGuessed) {
   make();
   remove("db/meta_data.bin");

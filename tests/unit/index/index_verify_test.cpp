@@ -111,8 +111,8 @@ TEST_F(VerifyIndex, ABatchThatWasBrokenOffNeedsAnOpeningForWriting) {
     ASSERT_TRUE(journal.start(begin));
   }
   const Lines expected = {
-      "damage, open: fid_index.jnl: needs recovery: a batch was broken off; open the index once "
-      "for writing",
+      "damage, open: fid_index.jnl: interrupted: a batch was broken off; the next opening for "
+      "writing undoes it",
       "note: search_table: tables not compared with the trees"};
   EXPECT_EQ(expected, findings());
   EXPECT_EQ(expected, findings()) << "the journal is left alone";

@@ -34,7 +34,7 @@ using platform::File;
 using platform::OpenMode;
 
 constexpr OpenMode kAllModes[] = {OpenMode::kRead, OpenMode::kRewrite, OpenMode::kUpdate,
-                                  OpenMode::kNew, OpenMode::kOwn};
+                                  OpenMode::kNew,  OpenMode::kOwn,     OpenMode::kShare};
 constexpr OpenMode kWritingModes[] = {OpenMode::kRewrite, OpenMode::kUpdate, OpenMode::kNew,
                                       OpenMode::kOwn};
 namespace fs = std::filesystem;
@@ -153,6 +153,34 @@ TEST_F(PlatformFile, ReadersAndTheOwnerDoNotHinderEachOther) {
   ASSERT_NE(nullptr, owner);
   ASSERT_NE(nullptr, late);
   EXPECT_EQ("abc", readPart(late.get(), 0, 10));
+}
+
+TEST_F(PlatformFile, ASharerReadsAndGoesWithReadersAndOtherSharers) {
+  EXPECT_EQ(nullptr, open("file", OpenMode::kShare));
+  EXPECT_FALSE(dir_.exists("file"));
+  dir_.write("file", "abc");
+  const auto reader = open("file", OpenMode::kRead);
+  const auto first = open("file", OpenMode::kShare);
+  const auto second = open("file", OpenMode::kShare);
+  ASSERT_NE(nullptr, first);
+  ASSERT_NE(nullptr, second);
+  EXPECT_NE(nullptr, open("file", OpenMode::kRead));
+  EXPECT_EQ("abc", readPart(second.get(), 0, 10));
+  EXPECT_FALSE(first->write("d", 1));
+  EXPECT_FALSE(first->truncate(1));
+  EXPECT_EQ("abc", dir_.read("file"));
+}
+
+TEST_F(PlatformFile, AnOwnerAndASharerKeepEachOtherOut) {
+  auto owner = open("file", OpenMode::kOwn);
+  ASSERT_NE(nullptr, owner);
+  EXPECT_EQ(nullptr, open("file", OpenMode::kShare));
+  owner.reset();
+  auto sharer = open("file", OpenMode::kShare);
+  ASSERT_NE(nullptr, sharer);
+  EXPECT_EQ(nullptr, open("file", OpenMode::kOwn));
+  sharer.reset();
+  EXPECT_NE(nullptr, open("file", OpenMode::kOwn));
 }
 
 TEST_F(PlatformFile, OwnersOfDifferentFilesDoNotHinderEachOther) {

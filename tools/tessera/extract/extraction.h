@@ -10,7 +10,6 @@
 // Tests: tests/tool/extraction_test.cpp and tests/tool/formats_test.py.
 #pragma once
 
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -23,8 +22,7 @@ namespace tool {
 // Ends the parsing of a document. What it said before still counts.
 class NotInspected : public std::runtime_error {
  public:
-  NotInspected(Reason reason, const std::string& detail)
-      : std::runtime_error(detail), reason(reason) {}
+  NotInspected(Reason why, const std::string& detail) : std::runtime_error(detail), reason(why) {}
 
   const Reason reason;
 };
@@ -40,7 +38,8 @@ class Document {
   // Text in an encoding that is declared (a charset label) or, when empty, found out.
   virtual void encodedText(std::string_view bytes, std::string_view declared) = 0;
 
-  // A document inside this one: opened before this returns, and after that gone.
+  // A document inside this one, of which nothing is needed when this returns. Those of
+  // a container are opened at once, those of other documents after its own text.
   // `charset`: declared outside of it, or empty.
   virtual void member(std::string_view name, std::string_view content,
                       std::string_view charset = {}) = 0;
@@ -51,12 +50,27 @@ class Document {
   // To be asked for before `bytes` are expanded from a compressed form: against the
   // limits of a member, of all members, and of the ratio to `compressed` bytes (0:
   // unknown). Counts nothing; member() does.
-  virtual void expectMember(uint64_t bytes, uint64_t compressed) = 0;
+  virtual void expectMember(uint64_t bytes, uint64_t compressed) const = 0;
+
+  // Counts bytes that were expanded without becoming a member: the parts of a DOCX,
+  // say. Together with those of the members they are held to the limit of all.
+  virtual void countExpanded(uint64_t bytes) = 0;
 
   // Largest content that member() takes now; an expander stops one byte after it.
   virtual uint64_t memberRoom() const = 0;
 
+  // Of the file or member, without directories. Only for naming what is in it.
+  virtual std::string_view baseName() const = 0;
+
+  // Charset that was declared outside of the document, or empty.
+  virtual std::string_view charset() const = 0;
+
   virtual const Limits& limits() const = 0;
+
+  // Whoever works long without saying anything asks now and then: throws when the time
+  // is over. secondsLeft() is never 0.
+  virtual void checkTime() const = 0;
+  virtual unsigned secondsLeft() const = 0;
 
  protected:
   ~Document() = default;
@@ -66,10 +80,23 @@ class Document {
 // calls member() only, and is then a container.
 using Parser = void (*)(std::string_view content, Document& document);
 
+// Where the parts go.
+class PartSink {
+ public:
+  // The part of this name is being worked on from now on.
+  virtual void begin(const std::string& name) = 0;
+
+  // A container comes before its members, and once more when it turns out that not all
+  // of them could be got.
+  virtual void deliver(Part&& part) = 0;
+
+ protected:
+  ~PartSink() = default;
+};
+
 // Opens `content`, whose file is called `name` (its base name; used only to name the
-// one member of a compressed file), and everything in it. `deliver` takes each part,
-// a container before its members. Throws std::bad_alloc, nothing else.
-void extract(std::string_view content, std::string_view name, const Limits& limits,
-             const std::function<void(Part&&)>& deliver);
+// one member of a compressed file), and everything in it. Throws std::bad_alloc and what
+// the sink throws, nothing else. One call at a time.
+void extract(std::string_view content, std::string_view name, const Limits& limits, PartSink& sink);
 
 }  // namespace tool

@@ -15,4 +15,11 @@ struct Limits {
   uint64_t memory_bytes = 1 << 30;     // of an extractor process
 };
 
+// The first MiB is free: small and blank is no bomb.
+constexpr bool beyondRatio(const Limits& limits, uint64_t expanded, uint64_t compressed) {
+  constexpr uint64_t kFree = 1 << 20;
+  return expanded > kFree &&
+         (expanded - kFree) / (limits.ratio > 0 ? limits.ratio : 1) > compressed;
+}
+
 }  // namespace tool

@@ -25,7 +25,7 @@ enum class Reason : uint8_t {
   kCrashed,  // the extractor died over it
   kUnreadable,
 };
-inline constexpr int kReasons = 12;
+inline constexpr unsigned kReasons = 12;
 
 // Stable words for machines: "encrypted", "time-limit"; "" for kNone.
 std::string_view reasonName(Reason reason);
@@ -35,10 +35,13 @@ enum class Form : uint8_t {
   kBinary,     // content is the bytes themselves
   kContainer,  // without content: its members are what it has to say
 };
+inline constexpr unsigned kForms = 3;
 
 struct Part {
   // Members from the outside in, joined by "!"; empty for the document itself. Bytes
-  // as they stand in the container, but for what a terminal could choke on.
+  // as they stand in the container, but for what a terminal could choke on; the second
+  // "a" of a container is "a#2". No two parts of a document have the same name, but for
+  // one that only adds a reason to a part that was delivered before it was known.
   std::string name;
   std::string type;                        // by content: "application/pdf", "text/plain"
   std::string encoding;                    // of kText: what it was decoded from; may be empty

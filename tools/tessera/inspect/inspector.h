@@ -4,7 +4,7 @@
 //
 //   file --descriptor--> extractor --parts--> deliver
 //
-// Tests: tests/tool/inspector_test.py and tests/tool/bombs_test.py.
+// Tests: tests/tool/inspector_test.cpp and tests/tool/bombs_test.py.
 #pragma once
 
 #include <functional>
@@ -22,6 +22,10 @@ class Inspector {
   struct Settings {
     Limits limits;
     unsigned documents_per_extractor = 100;
+    // The program that opens documents; empty: ../libexec/tessera/tessera-extract as seen
+    // from the directory of this program.
+    std::string extractor;
+    bool namespaces = true;  // where the system allows them
   };
 
   explicit Inspector(const Settings& settings);  // starts nothing yet
@@ -34,14 +38,15 @@ class Inspector {
   // document that breaks its extractor, or takes too long, gets one more Part, with the
   // name of what was being opened, that says so. May be called from several threads,
   // each of which then has an extractor of its own; `deliver` is called from the
-  // calling thread. Throws Failure when no extractor can be started at all.
+  // calling thread, its time is not the document's, and what it throws comes out here.
+  // Throws Failure when no extractor can be started at all.
   void inspect(int file, std::string_view name, const std::function<void(Part&&)>& deliver);
 
-  // How extractors are held: "seccomp, namespaces, rlimits", say. For the user.
+  // How extractors are held: "seccomp, namespaces, rlimits", say. For the user. Starts
+  // an extractor to find out; throws Failure when that cannot be done.
   std::string confinement() const;
 
  private:
-  class Extractor;
   class Pool;
   const std::unique_ptr<Pool> pool_;
 };

@@ -1,0 +1,250 @@
+// libmagic tells most types. Before it, the rules of this file tell those that it takes
+// for another one when they are made by the wrong program, or begin unusually: what is
+// inside a zip archive or a compound file, mails, and text with marks in it.
+#include "extract/content_type.h"
+
+#include <magic.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "extract/formats/zip_directory.h"
+
+namespace tool {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+struct MagicCloser {
+  void operator()(magic_set* cookie) const { magic_close(cookie); }
+};
+
+// The database takes longer to load than most documents to open.
+magic_set* magicDatabase() {
+  static const std::unique_ptr<magic_set, MagicCloser> database = [] {
+    std::unique_ptr<magic_set, MagicCloser> made(
+        magic_open(MAGIC_MIME_TYPE | MAGIC_NO_CHECK_COMPRESS | MAGIC_NO_CHECK_ELF |
+                   MAGIC_NO_CHECK_CDF | MAGIC_NO_CHECK_ENCODING));
+    if (!made || magic_load(made.get(), nullptr) != 0) {
+      throw std::runtime_error("cannot load the database of file types");
+    }
+    return made;
+  }();
+  return database.get();
+}
+
+std::string magicType(std::string_view content) {
+  constexpr size_t kLookedAt = 256 << 10;
+  const char* type =
+      magic_buffer(magicDatabase(), content.data(), std::min(content.size(), kLookedAt));
+  return type ? type : "application/octet-stream";
+}
+
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f'; }
+
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+// --- zip ---
+
+std::optional<std::string> zipType(std::string_view content) {
+  if (!content.starts_with("PK\3\4"sv) && !content.starts_with("PK\5\6"sv) &&
+      !content.starts_with("PK00PK\3\4"sv)) {
+    return std::nullopt;
+  }
+  const ZipDirectory directory = zipDirectory(content);
+  const std::string& declared = directory.mimetype;
+  if (declared.starts_with("application/vnd.oasis.opendocument.") ||
+      declared == "application/epub+zip") {
+    return declared;
+  }
+  if (directory.has_content_types) {
+    const std::string office = "application/vnd.openxmlformats-officedocument.";
+    if (directory.top_directories.contains("word")) return office + "wordprocessingml.document";
+    if (directory.top_directories.contains("xl")) return office + "spreadsheetml.sheet";
+    if (directory.top_directories.contains("ppt")) return office + "presentationml.presentation";
+  }
+  return "application/zip";
+}
+
+// --- compound files (OLE2) ---
+
+uint32_t littleEndian(std::string_view bytes, size_t offset, int count) {
+  uint32_t value = 0;
+  for (int i = 0; i < count; ++i) {
+    value |= uint32_t{static_cast<unsigned char>(bytes[offset + static_cast<size_t>(i)])}
+             << (8 * i);
+  }
+  return value;
+}
+
+// Name of what would be a directory entry; empty when it is none.
+std::string directoryEntryName(std::string_view entry) {
+  constexpr size_t kNameBytes = 64;
+  const uint32_t length = littleEndian(entry, kNameBytes, 2);  // with the closing zero
+  const unsigned char type = static_cast<unsigned char>(entry[66]);
+  if (length < 4 || length > kNameBytes || length % 2 != 0 || type < 1 || type > 5) return "";
+  std::string name;
+  for (size_t i = 0; i + 2 < length; i += 2) {
+    if (entry[i + 1] != 0) return "";
+    name += entry[i];
+  }
+  return entry[length - 2] == 0 && entry[length - 1] == 0 ? name : "";
+}
+
+std::optional<std::string> compoundType(std::string_view content) {
+  if (!content.starts_with("\xd0\xcf\x11\xe0\xa1\xb1\x1a\xe1"sv)) return std::nullopt;
+  static constexpr std::pair<std::string_view, const char*> kStreams[] = {
+      {"WordDocument", "application/msword"},
+      {"Workbook", "application/vnd.ms-excel"},
+      {"Book", "application/vnd.ms-excel"},
+      {"PowerPoint Document", "application/vnd.ms-powerpoint"},
+      {"EncryptedPackage", "application/x-encrypted-office"},
+      {"__properties_version1.0", "application/vnd.ms-outlook"},
+  };
+  // Directory entries lie at multiples of their size. The first that says something
+  // belongs to the document; others may belong to what is embedded in it. Looking at
+  // all places, and not only where the tables lead, finds it in damaged files, too.
+  constexpr size_t kEntry = 128;
+  for (size_t at = 512; at + kEntry <= content.size(); at += kEntry) {
+    const std::string name = directoryEntryName(content.substr(at, kEntry));
+    if (name.empty()) continue;
+    for (const auto& [stream, type] : kStreams) {
+      if (name == stream) return type;
+    }
+  }
+  return "application/x-ole-storage";
+}
+
+// --- mails ---
+
+std::string_view takeLine(std::string_view* rest) {
+  const size_t end = rest->find('\n');
+  std::string_view line = rest->substr(0, end);
+  rest->remove_prefix(end == std::string_view::npos ? rest->size() : end + 1);
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  return line;
+}
+
+// The name of the header field that a line begins; empty: none.
+std::string fieldName(std::string_view line) {
+  const size_t colon = line.find(':');
+  if (colon == std::string_view::npos || colon == 0 || colon > 76) return "";
+  std::string name;
+  for (const char c : line.substr(0, colon)) {
+    if (c <= ' ' || c > '~') return "";
+    name += lower(c);
+  }
+  return name;
+}
+
+// Whether a text begins with the header of a mail: fields only, some of them telling.
+bool isMailHeader(std::string_view text) {
+  static constexpr std::string_view kTelling[] = {
+      "received",     "return-path", "delivered-to", "message-id", "mime-version",
+      "date",         "from",        "to",           "subject",    "sender",
+      "content-type", "cc",          "reply-to",     "x-mailer",   "dkim-signature"};
+  constexpr size_t kLines = 500;
+  std::array<bool, std::size(kTelling)> found{};
+  for (size_t count = 0; count < kLines && !text.empty(); ++count) {
+    const std::string_view line = takeLine(&text);
+    if (line.empty()) break;
+    if (count > 0 && (line[0] == ' ' || line[0] == '\t')) continue;
+    const std::string name = fieldName(line);
+    if (name.empty()) return false;
+    const auto* telling = std::find(std::begin(kTelling), std::end(kTelling), name);
+    if (telling != std::end(kTelling)) found[static_cast<size_t>(telling - kTelling)] = true;
+  }
+  return std::count(found.begin(), found.end(), true) >= 3;
+}
+
+std::optional<std::string> mailType(std::string_view content) {
+  if (!content.starts_with("From ")) {
+    if (isMailHeader(content)) return "message/rfc822";
+    return std::nullopt;
+  }
+  takeLine(&content);
+  if (isMailHeader(content)) return "application/mbox";
+  return std::nullopt;
+}
+
+// --- text with marks in it ---
+
+// The first characters, lower-case, in whatever encoding of ASCII they are, behind byte
+// order marks and blanks.
+std::string plainBeginning(std::string_view content) {
+  constexpr size_t kLookedAt = 4096;
+  std::string beginning;
+  for (const char c : content.substr(0, kLookedAt)) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool mark = byte == 0xff || byte == 0xfe || byte == 0xef || byte == 0xbb || byte == 0xbf;
+    if (c == 0 || (beginning.empty() && (mark || isSpace(c)))) continue;
+    beginning += lower(c);
+  }
+  return beginning;
+}
+
+// Skips <?...?>, <!--...--> and blanks.
+std::string_view firstElement(std::string_view text) {
+  while (true) {
+    while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
+    const bool comment = text.starts_with("<!--");
+    if (!comment && !text.starts_with("<?")) return text;
+    const std::string_view closing = comment ? "-->" : "?>";
+    const size_t end = text.find(closing);
+    if (end == std::string_view::npos) return {};
+    text.remove_prefix(end + closing.size());
+  }
+}
+
+bool startsTag(std::string_view text, std::string_view tag) {
+  if (!text.starts_with(tag)) return false;
+  text.remove_prefix(tag.size());
+  return text.empty() || isSpace(text.front()) || text.front() == '>' || text.front() == '/';
+}
+
+std::optional<std::string> markupType(std::string_view content) {
+  if (content.substr(0, 1024).find("%PDF-") != std::string_view::npos) return "application/pdf";
+  const std::string beginning = plainBeginning(content);
+  if (beginning.starts_with("{\\rtf")) return "application/rtf";
+  const std::string_view element = firstElement(beginning);
+  for (const auto tag : {"<!doctype html"sv, "<html"sv, "<head"sv, "<body"sv, "<title"sv}) {
+    if (startsTag(element, tag)) return "text/html";
+  }
+  if (beginning.starts_with("<?xml")) {
+    return startsTag(element, "<svg") ? "image/svg+xml" : "text/xml";
+  }
+  return std::nullopt;
+}
+
+// Other names for the same.
+std::string usualName(std::string type) {
+  static constexpr std::pair<std::string_view, const char*> kNames[] = {
+      {"application/x-gzip", "application/gzip"},    {"application/x-zstd", "application/zstd"},
+      {"application/x-gtar", "application/x-tar"},   {"application/vnd.rar", "application/x-rar"},
+      {"application/x-bzip", "application/x-bzip2"}, {"application/xml", "text/xml"},
+      {"application/xhtml+xml", "text/html"},        {"text/rtf", "application/rtf"},
+  };
+  for (const auto& [other, usual] : kNames) {
+    if (type == other) return usual;
+  }
+  return type;
+}
+
+}  // namespace
+
+void loadContentTypes() { magicDatabase(); }
+
+std::string contentType(std::string_view content) {
+  for (const auto rule : {zipType, compoundType, mailType, markupType}) {
+    if (auto type = rule(content)) return *std::move(type);
+  }
+  return usualName(magicType(content));
+}
+
+}  // namespace tool

@@ -1,0 +1,53 @@
+#include "extract/formats/zip_members.h"
+
+#include <algorithm>
+
+namespace tool {
+
+namespace {
+
+bool nextFile(ArchiveReader* reader) {
+  while (reader->next()) {
+    if (reader->regularFile()) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+ZipMembers::ZipMembers(std::string_view zip, Document& document) : zip_(zip), document_(document) {
+  ArchiveReader reader(zip_, ArchiveReader::Kind::kZip);
+  while (nextFile(&reader)) {
+    if (names_.size() >= document_.limits().members) throw NotInspected(Reason::kMemberLimit, "");
+    document_.checkTime();
+    names_.push_back(reader.name());
+  }
+}
+
+std::optional<size_t> ZipMembers::find(std::string_view name) const {
+  const auto found = std::find(names_.begin(), names_.end(), name);
+  if (found == names_.end()) return std::nullopt;
+  return static_cast<size_t>(found - names_.begin());
+}
+
+std::string ZipMembers::read(size_t index) {
+  if (!reader_ || index < position_) {
+    reader_.emplace(zip_, ArchiveReader::Kind::kZip);
+    position_ = 0;
+  }
+  do {
+    document_.checkTime();
+    if (!nextFile(&*reader_)) throw NotInspected(Reason::kDamaged, "");
+  } while (position_++ < index);
+  std::string content = reader_->read(document_);
+  document_.countExpanded(content.size());
+  return content;
+}
+
+std::optional<std::string> ZipMembers::read(std::string_view name) {
+  const auto index = find(name);
+  if (!index) return std::nullopt;
+  return read(*index);
+}
+
+}  // namespace tool
