@@ -4,7 +4,7 @@
 //
 //   file --descriptor--> extractor --parts--> deliver
 //
-// Tests: tests/tool/inspector_test.cpp and tests/tool/bombs_test.py.
+// Tests: tests/tool/inspector_test.cpp.
 #pragma once
 
 #include <functional>
