@@ -8,6 +8,7 @@
 
 #include "archives.h"
 #include "extract/budget.h"
+#include "extract/descriptor.h"
 #include "extract/formats/zip_members.h"
 
 namespace {
@@ -98,6 +99,7 @@ TEST(HelperProgram, ThatHangsIsStopped) {
 }
 
 TEST(HelperProgram, InheritsNothingElse) {
+  const Descriptor inherited(dup(0));                              // not close-on-exec
   EXPECT_EQ("0\n1\n2\n3\n", run({"ls", "/proc/self/fd"}).output);  // the last is the directory
 }
 

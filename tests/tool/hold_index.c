@@ -1,5 +1,5 @@
 /* Holds the index of the current directory open, as another program would,
- * until its input ends. For tool_test.py. */
+ * until its input ends. For index_test.py. */
 #include <stdio.h>
 
 #include "tessera.h"

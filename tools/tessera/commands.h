@@ -100,13 +100,14 @@ struct ExportOptions {
 };
 
 struct SigOptions {
-  std::vector<std::string> files;
+  std::vector<std::string> files;  // "-" is standard input
   InspectOptions inspect;
   Selection selection = Selection::kFull;
+  bool json = false;
 };
 
 struct TextOptions {
-  std::string file;
+  std::string file;  // "-" is standard input
   InspectOptions inspect;
 };
 
@@ -121,6 +122,7 @@ struct CommonTextOptions {
   Action action = Action::kList;
   std::vector<std::string> files;
   unsigned min_documents = 0;  // kSuggest: signatures in at least as many; 0: a tenth
+  bool json = false;           // kList, kSuggest
   InspectOptions inspect;
 };
 

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <system_error>
 
-#include "failure.h"
+#include "names.h"
 
 namespace fs = std::filesystem;
 
@@ -99,6 +99,10 @@ DirectoryLock::DirectoryLock(const fs::path& directory, Kind kind)
 }
 
 DirectoryLock::~DirectoryLock() { ::close(descriptor_); }
+
+IndexInUse::IndexInUse(const fs::path& home)
+    : Failure(fmt::format("the index {} is in use by another process",
+                          shownName((home / kIndexName).native()))) {}
 
 bool indexIsOpenElsewhere() {
   std::error_code error;

@@ -1,11 +1,13 @@
 // The home of an index: the directory that holds "index_sys_config.txt",
 // "sig_index_DB" and "catalogue.sqlite". The library finds the first two in
 // the current directory, so the command works from inside its home.
-// Tests: tests/tool/tool_test.py.
+// Tests: tests/tool/index_test.py.
 #pragma once
 
 #include <filesystem>
 #include <string>
+
+#include "failure.h"
 
 namespace tool {
 
@@ -60,6 +62,12 @@ class DirectoryLock {
  private:
   int descriptor_;
   bool held_;
+};
+
+// Another process is at work.
+class IndexInUse : public Failure {
+ public:
+  explicit IndexInUse(const std::filesystem::path& home);
 };
 
 // Whether somebody has the index in the current directory open for writing.

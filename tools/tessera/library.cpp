@@ -6,13 +6,18 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <filesystem>
 #include <mutex>
-#include <string_view>
+#include <new>
+#include <string>
+#include <tuple>
 
 #include "failure.h"
 #include "home.h"
 #include "tessera.h"
 #include "tessera_log.h"
+#include "tessera_scan.h"
+#include "tessera_search.h"
 
 namespace tool {
 
@@ -31,19 +36,27 @@ int collectMessage(const char* format, va_list arguments) {
   const std::string_view text(line);
   const size_t head = text.find(">#");
   if (!text.starts_with("Error ") || head == std::string_view::npos) return 0;
+  // The library adds its own document whenever it opens an index, and says this of it.
+  if (text.substr(head + 2).starts_with("duplicated ")) return 0;
   const std::lock_guard lock(log_mutex);
   if (log_lines.size() < 16) log_lines.emplace_back(text.substr(head + 2));
   return 0;
 }
 
-// Forgets what was logged before the call that is about to be made.
-void listen() {
-  {
-    const std::lock_guard lock(log_mutex);
-    log_lines.clear();
+// Hears what the library says about the call that is about to be made.
+class Listening {
+ public:
+  Listening() {
+    {
+      const std::lock_guard lock(log_mutex);
+      log_lines.clear();
+    }
+    tessera_set_log_sink(3, collectMessage);
   }
-  tessera_set_log_sink(3, collectMessage);
-}
+  ~Listening() { tessera_set_log_sink(3, nullptr); }
+  Listening(const Listening&) = delete;
+  Listening& operator=(const Listening&) = delete;
+};
 
 bool heard(std::string_view text) {
   const std::lock_guard lock(log_mutex);
@@ -65,25 +78,15 @@ unsigned char (*plain(SignatureList* signatures))[8] {
   return reinterpret_cast<unsigned char(*)[8]>(signatures->data());
 }
 
-}  // namespace
+constexpr int kGeneratorBytes = 75 << 20;  // no call looks at more of a text
 
-Generator::Generator() {
-  listen();
-  if (InitSignatureGenerator(TESSERA_CLIENT) != 0) {
-    throw Failure(fmt::format("cannot prepare the generator: {}", firstMessage()));
-  }
-}
-
-Generator::~Generator() { ExitSignatureGenerator(); }
-
-SignatureList Generator::signatures(std::string* text) const {
+SignatureList generated(decltype(GenerateSignature4Text) generate, std::string_view content) {
   unsigned char(*list)[8] = nullptr;
   int count = 0;
-  // Nobody listens, since with a sink every window is gone through for its messages,
-  // which takes ten times as long. Only one thing can fail.
-  tessera_set_log_sink(3, nullptr);
-  if (GenerateSignature4Text(text->data(), static_cast<int>(text->size()), &list, &count) != 0) {
-    throw Failure("cannot generate signatures: out of memory");
+  // The library only reads the content.
+  if (generate(const_cast<char*>(content.data()), static_cast<int>(content.size()), &list,
+               &count) != 0) {
+    throw std::bad_alloc();  // nothing else can fail
   }
   SignatureList signatures(static_cast<size_t>(count));
   for (size_t i = 0; i < signatures.size(); ++i) std::copy_n(list[i], 8, signatures[i].begin());
@@ -91,35 +94,77 @@ SignatureList Generator::signatures(std::string* text) const {
   return signatures;
 }
 
+}  // namespace
+
+SignatureList textSignatures(std::string_view text) {
+  SignatureList signatures;
+  const auto collect = [](const tessera_window* window, void* context) {
+    Signature signature;
+    std::copy_n(window->signature, signature.size(), signature.begin());
+    static_cast<SignatureList*>(context)->push_back(signature);
+    return 0;
+  };
+  if (tessera_scan_text(text.data(), text.size(), collect, &signatures) != TESSERA_SCAN_DONE) {
+    throw std::bad_alloc();
+  }
+  makeList(&signatures);
+  return signatures;
+}
+
+Generator::Generator(Selection selection) {
+  const bool sparse = selection == Selection::kSparse;
+  const Listening listening;
+  if (InitSignatureGenerator(sparse ? TESSERA_SERVER : TESSERA_CLIENT) != 0) {
+    throw Failure(fmt::format("cannot prepare the generator: {}", firstMessage()));
+  }
+  if (sparse && SetMaxContentSize(kGeneratorBytes) != 0) {
+    ExitSignatureGenerator();
+    throw Failure(fmt::format("cannot set up the generator: {}", firstMessage()));
+  }
+}
+
+Generator::~Generator() { ExitSignatureGenerator(); }
+
+SignatureList Generator::sparseSignatures(std::string_view text) const {
+  SignatureList signatures;
+  for (size_t begin = 0; begin < text.size(); begin += kGeneratorBytes) {
+    const SignatureList section =
+        generated(GenerateSignature4Text, text.substr(begin, kGeneratorBytes));
+    signatures.insert(signatures.end(), section.begin(), section.end());
+  }
+  makeList(&signatures);
+  return signatures;
+}
+
+SignatureList Generator::binarySignatures(std::string_view content) const {
+  return generated(GenerateSignature4Binary, content.substr(0, INT_MAX));
+}
+
 IndexSession::IndexSession() {
-  listen();
+  const Listening listening;
   if (InitIndexSystem() == 0) return;
   if (heard("load index sys configuration fail")) throw Failure(malformedConfiguration());
-  if (indexIsOpenElsewhere()) {
-    throw Failure(fmt::format("the index {} is in use by another process", here(kIndexName)));
-  }
-  throw Failure(fmt::format(
-      "cannot open the index {}: {}\n"
-      "Is the disk full or the index damaged? Without its directory {}, the next run of "
-      "'tessera index' makes a new one of the documents in the catalogue.",
-      here(kIndexName), firstMessage(), kIndexName));
+  if (indexIsOpenElsewhere()) throw IndexInUse(std::filesystem::current_path());
+  throw Failure(
+      fmt::format("cannot open the index {}: {}\n"
+                  "Is the disk full or the index damaged? 'tessera rebuild --from-catalogue' "
+                  "makes a new one.",
+                  here(kIndexName), firstMessage()));
 }
 
 IndexSession::~IndexSession() {
   if (open_) ExitIndexSystem();
 }
 
-bool IndexSession::add(int64_t file_id, SignatureList* signatures, std::string* reason) {
-  listen();
-  if (AddDocSignature(file_id, plain(signatures), static_cast<int>(signatures->size())) == 0) {
-    return true;
+void IndexSession::add(int64_t file_id, SignatureList* signatures) {
+  const Listening listening;
+  if (AddDocSignature(file_id, plain(signatures), static_cast<int>(signatures->size())) != 0) {
+    throw Failure(fmt::format("cannot add to the index {}: {}", here(kIndexName), firstMessage()));
   }
-  *reason = firstMessage();
-  return false;
 }
 
 void IndexSession::remove(std::vector<int64_t> file_ids) {
-  listen();
+  const Listening listening;
   if (DelDocSignature(file_ids.data(), static_cast<int>(file_ids.size())) != 0) {
     throw Failure(fmt::format("cannot remove documents from the index: {}", firstMessage()));
   }
@@ -127,19 +172,19 @@ void IndexSession::remove(std::vector<int64_t> file_ids) {
 
 void IndexSession::close() {
   open_ = false;
-  listen();
+  const Listening listening;
   if (ExitIndexSystem() != 0 || heard("create search table fail")) {
     throw Failure(fmt::format("cannot write the index {}: {}", here(kIndexName), firstMessage()));
   }
 }
 
 MatchSession::MatchSession() {
-  listen();
+  const Listening listening;
   if (InitMatchSystem() == 0) return;
   if (heard("load search sys configuration fail")) throw Failure(malformedConfiguration());
   throw Failure(
       fmt::format("cannot load the search tables of the index {}: {}\n"
-                  "A run of 'tessera index' writes them anew.",
+                  "'tessera rebuild' writes them anew.",
                   here(kIndexName), firstMessage()));
 }
 
@@ -148,24 +193,24 @@ MatchSession::~MatchSession() { ExitMatchSystem(); }
 std::vector<Match> MatchSession::match(SignatureList* signatures, size_t bytes) const {
   // A size of 0 would switch the levels off.
   const int size = static_cast<int>(std::clamp<size_t>(bytes, 1, INT_MAX));
-  _DLPSigMatchRet placeholder;
-  _DLPSigMatchRet* records = &placeholder;  // must not be null
+  tessera_hit* hits = nullptr;
   int count = 0;
-  listen();
-  if (MatchSignature(plain(signatures), static_cast<int>(signatures->size()), size, &records,
+  if (tessera_search(plain(signatures), static_cast<int>(signatures->size()), size, &hits,
                      &count) != 0) {
-    FreeSigMatchRet(records);
-    throw Failure(fmt::format("cannot search the index: {}", firstMessage()));
+    throw Failure(
+        fmt::format("cannot search the index {}: out of memory, or the index was written "
+                    "meanwhile",
+                    here(kIndexName)));
   }
   std::vector<Match> matches;
   for (int i = 0; i < count; ++i) {
-    if (records[i].fileID != kRootFileId) {
-      matches.push_back({records[i].fileID, records[i].match_level});
+    if (hits[i].file_id != kRootFileId) {
+      matches.push_back({hits[i].file_id, hits[i].level, hits[i].hits});
     }
   }
-  FreeSigMatchRet(records);
+  tessera_free_hits(hits);
   std::sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) {
-    return a.level != b.level ? a.level > b.level : a.file_id < b.file_id;
+    return std::tie(b.level, b.hits, a.file_id) < std::tie(a.level, a.hits, b.file_id);
   });
   return matches;
 }

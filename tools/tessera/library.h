@@ -3,33 +3,41 @@
 //
 // The library's functions only tell that they failed; why stands in its log.
 // The sessions therefore collect the messages and put the telling one into the
-// Failure they throw. Tests: tests/tool/tool_test.py.
+// Failure they throw. They listen only during their own calls: while anybody does,
+// texts are fingerprinted ten times as slowly. Tests: tests/tool/index_test.py.
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <string>
+#include <string_view>
 #include <vector>
+
+#include "commands.h"
+#include "signature_list.h"
 
 namespace tool {
 
-using Signature = std::array<unsigned char, 8>;
-using SignatureList = std::vector<Signature>;  // ascending, no two equal
-
 struct Match {
   int64_t file_id;
-  int level;  // 0, 1 or 2
+  int level;      // 0, 1 or 2
+  uint32_t hits;  // signatures that it shares with the query
 };
 
-// Turns texts into signatures while it lives. One at a time.
+// Every selected passage of a text.
+SignatureList textSignatures(std::string_view text);
+
+// The rest of what makes signatures. One lives at a time; any thread may use it.
 class Generator {
  public:
-  Generator();  // writes the configuration file when there is none
+  // The selection is that of sparseSignatures(). Writes the configuration file.
+  explicit Generator(Selection selection);
   ~Generator();
   Generator(const Generator&) = delete;
   Generator& operator=(const Generator&) = delete;
 
-  SignatureList signatures(std::string* text) const;  // empty: the text is too short
+  // A few evenly spread ones. The generator is for sparse selections.
+  SignatureList sparseSignatures(std::string_view text) const;
+
+  SignatureList binarySignatures(std::string_view content) const;
 };
 
 // An index open for writing. Its end writes what was added, whatever happens.
@@ -40,8 +48,8 @@ class IndexSession {
   IndexSession(const IndexSession&) = delete;
   IndexSession& operator=(const IndexSession&) = delete;
 
-  // False, with *reason set, when the document was refused.
-  bool add(int64_t file_id, SignatureList* signatures, std::string* reason);
+  // After a failure nothing tells what the index holds of what was added before.
+  void add(int64_t file_id, SignatureList* signatures);
   void remove(std::vector<int64_t> file_ids);
 
   // Writes everything and the search tables; the session is over.
@@ -60,7 +68,7 @@ class MatchSession {
   MatchSession& operator=(const MatchSession&) = delete;
 
   // The documents that share signatures with a query of `bytes` bytes, highest
-  // level first, then by file ID.
+  // level first, then most hits, then by file ID. May be called from several threads.
   std::vector<Match> match(SignatureList* signatures, size_t bytes) const;
 };
 

@@ -1,92 +1,115 @@
-// "tessera match": which documents of the index share passages with a file.
-// Tests: tests/tool/tool_test.py.
+// "tessera match": which documents of the index share passages with files.
+// Files are inspected side by side and reported in their order.
+// Tests: tests/tool/match_test.py and tests/tool/report_test.py.
 #include <fmt/format.h>
+#include <unistd.h>
 
-#include <optional>
+#include <algorithm>
+#include <cstdlib>
+#include <string_view>
+#include <thread>
 
-#include "catalogue.h"
 #include "commands.h"
-#include "documents.h"
 #include "failure.h"
-#include "home.h"
-#include "library.h"
-
-namespace fs = std::filesystem;
+#include "in_order.h"
+#include "matcher.h"
+#include "names.h"
+#include "progress.h"
+#include "report.h"
+#include "walk.h"
 
 namespace tool {
 
 namespace {
 
-// Names from the catalogue, when there is one. What it does not know was not
-// put into the index by this command, or the catalogue is an old one.
-class Names {
+bool coloursWanted() {
+  const auto set = [](const char* name) {
+    const char* value = std::getenv(name);
+    return std::string_view(value ? value : "");
+  };
+  return ::isatty(STDOUT_FILENO) == 1 && set("NO_COLOR").empty() && set("TERM") != "dumb";
+}
+
+std::unique_ptr<Reporter> makeReporter(Report report) {
+  switch (report) {
+    case Report::kText:
+      return makeTextReporter(coloursWanted());
+    case Report::kJson:
+      return makeJsonReporter();
+    case Report::kSarif:
+      return makeSarifReporter();
+  }
+  return nullptr;
+}
+
+int statusOf(const Totals& totals, bool lenient) {
+  if (totals.problems > 0) return kFailed;
+  if (totals.matched > 0) return kMatched;
+  return totals.not_inspected > 0 && !lenient ? kNotInspected : kDone;
+}
+
+class Session {
  public:
-  Names() {
-    if (fs::exists(kCatalogueName)) catalogue_.emplace(kCatalogueName, Catalogue::Access::kRead);
+  Session(Report report, ProgressStyle style) : reporter_(makeReporter(report)), progress_(style) {}
+
+  void problem(const std::string& text) {
+    ++totals_.problems;
+    progress_.clear();
+    complain(text);
+    print(reporter_->problem(text));
   }
 
-  std::string operator()(int64_t file_id) const {
-    const std::optional<fs::path> name = catalogue_ ? catalogue_->name(file_id) : std::nullopt;
-    return name ? name->string() : fmt::format("unknown document #{}", file_id);
+  void file(const InspectedFile& file) {
+    totals_.add(file);
+    if (file.unreadable) {
+      progress_.clear();
+      complain(fmt::format("cannot read {}: {}", shownName(file.file.name),
+                           file.queries.front().detail));
+    }
+    print(reporter_->file(file));
+  }
+
+  void count(size_t done, size_t total) { progress_.count("Matching", done, total); }
+
+  int end(bool lenient) {
+    const int status = statusOf(totals_, lenient);
+    print(reporter_->end(totals_, status));
+    return status;
   }
 
  private:
-  std::optional<Catalogue> catalogue_;
+  void print(const std::string& text) {
+    if (text.empty()) return;
+    progress_.clear();
+    fmt::print("{}", text);
+  }
+
+  const std::unique_ptr<Reporter> reporter_;
+  Progress progress_;
+  Totals totals_;
 };
 
 }  // namespace
 
 int matchCommand(const CommonOptions& common, const MatchOptions& options) {
-  const fs::path& home = common.home;
-  const std::vector<std::string>& files = options.files.paths;
-  std::vector<fs::path> paths;  // absolute, for the current directory changes
-  for (const std::string& file : files) paths.push_back(fs::absolute(file));
+  const FoundFiles found = findFiles(options.files, common.home, StandardInput::kTaken);
+  Matcher matcher(common.home, {.limits = options.inspect.limits,
+                                .min_level = options.min_level,
+                                .explain = options.explain});
+  Session session(options.report, common.progress);
+  for (const std::string& problem : found.problems) session.problem(problem);
 
-  if (!hasIndex(home)) {
-    throw Failure(
-        fmt::format("there is no index in {}\n"
-                    "Make one with 'tessera index PATH...', or name another home with "
-                    "--home DIR or TESSERA_HOME.",
-                    home.string()));
-  }
-  std::optional<Generator> generator;
-  {
-    const ScratchHome scratch(home);
-    generator.emplace();
-  }
-  enterHome(home);
-  const DirectoryLock tables(kIndexName, DirectoryLock::Kind::kShared);
-  const Names names;
-  const MatchSession session;
-
-  bool matched = false;
-  bool failed = false;
-  for (size_t i = 0; i < files.size(); ++i) {
-    std::string content;
-    std::string reason;
-    const ReadOutcome outcome = readDocument(paths[i], &content, &reason);
-    if (outcome != ReadOutcome::kText) {
-      if (outcome == ReadOutcome::kNotText) reason = "not a text";
-      complain(fmt::format("cannot match {}: {}", files[i], reason));
-      failed = true;
-      continue;
-    }
-    SignatureList signatures = generator->signatures(&content);
-    fmt::print("{}\n", files[i]);
-    if (signatures.empty()) {
-      fmt::print("  too short to be matched\n");
-      continue;
-    }
-    bool found = false;
-    for (const Match& match : session.match(&signatures, content.size())) {
-      if (match.level < options.min_level) continue;
-      fmt::print("  level {}  {}\n", match.level, names(match.file_id));
-      found = true;
-    }
-    if (!found) fmt::print("  no match\n");
-    matched = matched || found;
-  }
-  return failed ? kFailed : matched ? kMatched : kDone;
+  const unsigned jobs =
+      options.inspect.jobs ? options.inspect.jobs : std::thread::hardware_concurrency();
+  session.count(0, found.files.size());
+  inOrder<InspectedFile>(
+      found.files.size(), jobs, [&](size_t i) { return matcher.inspect(found.files[i]); },
+      [&](size_t i, InspectedFile&& file) {
+        session.file(file);
+        session.count(i + 1, found.files.size());
+      },
+      [] { return false; });
+  return session.end(options.lenient);
 }
 
 }  // namespace tool

@@ -1,31 +1,40 @@
-// "tessera sig": the signatures of one file. Tests: tests/tool/tool_test.py.
+// "tessera sig": the signatures of files. Tests: tests/tool/sig_test.py.
 #include <fmt/format.h>
 
+#include <string>
+#include <vector>
+
 #include "commands.h"
-#include "documents.h"
 #include "failure.h"
+#include "fingerprint.h"
 #include "home.h"
-#include "library.h"
+#include "opened_parts.h"
+#include "records.h"
 
 namespace tool {
 
 int sigCommand(const CommonOptions& common, const SigOptions& options) {
-  const std::string& file = options.files.front();
-  std::string content;
-  std::string reason;
-  const ReadOutcome outcome = readDocument(file, &content, &reason);
-  if (outcome == ReadOutcome::kNotText) reason = "not a text";
-  if (outcome != ReadOutcome::kText) {
-    throw Failure(fmt::format("cannot read {}: {}", file, reason));
-  }
-
+  OpenedParts parts(options.files, common.home, options.inspect);
   const ScratchHome scratch(common.home);
-  const SignatureList signatures = Generator().signatures(&content);
-  if (signatures.empty()) complain(fmt::format("note: {} is too short for a signature", file));
-  for (const Signature& signature : signatures) {
-    fmt::print("{:02x}\n", fmt::join(signature, ""));
-  }
-  return kDone;
+  const Fingerprinter fingerprinter(options.selection);
+
+  Headings headings(options.files.size() > 1);
+  const bool whole = parts.each([&](const std::string& name, const Part& part) {
+    std::vector<std::string> lines;
+    for (const Signature& signature : fingerprinter.signatures(part)) {
+      lines.push_back(hexadecimal(signature));
+    }
+    if (options.json) {
+      const Json record = {
+          {"name", name}, {"selection", selectionName(options.selection)}, {"signatures", lines}};
+      fmt::print("{}\n", record.dump());
+      return;
+    }
+    if (lines.empty()) complain(fmt::format("note: {} is too short for a signature", name));
+    headings.print(name, fmt::format("{}{}", fmt::join(lines, "\n"), lines.empty() ? "" : "\n"));
+  });
+  headings.end();
+  return whole ? kDone : kFailed;
 }
 
 }  // namespace tool

@@ -24,7 +24,7 @@ class Inspector {
     unsigned documents_per_extractor = 100;
     // The program that opens documents; empty: ../libexec/tessera/tessera-extract as seen
     // from the directory of this program.
-    std::string extractor;
+    std::string extractor = {};
     bool namespaces = true;  // where the system allows them
   };
 

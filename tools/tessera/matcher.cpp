@@ -1,0 +1,134 @@
+#include "matcher.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "failure.h"
+#include "input.h"
+#include "store.h"
+
+namespace fs = std::filesystem;
+
+namespace tool {
+
+namespace {
+
+SignatureList sharedSignatures(const SignatureList& a, const SignatureList& b) {
+  SignatureList shared;
+  std::set_intersection(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(shared));
+  return shared;
+}
+
+// Null for an index that another program has made: its documents have no names here.
+std::unique_ptr<Catalogue> findCatalogue(const fs::path& home) {
+  if (!hasIndex(home) || fs::exists(home / kCatalogueName)) return openCatalogue(home);
+  complain(fmt::format("note: without the catalogue {}, documents have numbers only",
+                       (home / kCatalogueName).string()));
+  return nullptr;
+}
+
+Query describe(const Part& part) {
+  Query query;
+  query.member = part.name;
+  query.type = part.type;
+  query.encoding = part.encoding;
+  query.size = part.size;
+  query.sha256 = part.sha256;
+  query.form = part.form;
+  query.reason = part.reason;
+  query.detail = part.detail;
+  return query;
+}
+
+}  // namespace
+
+std::string Finding::name() const {
+  return document ? document->name() : fmt::format("unknown document #{}", match.file_id);
+}
+
+Query::Outcome Query::outcome() const {
+  if (!findings.empty()) return Outcome::kMatch;
+  if (reason != Reason::kNone) return Outcome::kUninspected;
+  if (form == Form::kContainer) return Outcome::kContainer;
+  return signatures + common == 0 ? Outcome::kTooShort : Outcome::kNoMatch;
+}
+
+Matcher::Matcher(const fs::path& home, const Settings& settings)
+    : settings_(settings),
+      catalogue_(findCatalogue(home)),
+      inspector_({.limits = settings.limits}) {
+  {
+    const ScratchHome scratch(home);
+    fingerprinter_.emplace(Selection::kFull);
+  }
+  enterHome(home);
+  tables_.emplace(kIndexName, DirectoryLock::Kind::kShared);
+  session_.emplace();
+  if (catalogue_) common_ = catalogue_->commonSignatures();
+}
+
+InspectedFile Matcher::inspect(const FoundFile& file) {
+  InspectedFile inspected = {.file = file, .queries = {}};
+  const Input input(file, settings_.limits.total_bytes);
+  if (input.reason() == Reason::kNone) {
+    inspectOpened(input.descriptor(), &inspected);
+    return inspected;
+  }
+  inspected.unreadable = input.reason() == Reason::kUnreadable;
+  Query query;
+  query.reason = input.reason();
+  query.detail = input.detail();
+  inspected.queries.push_back(query);
+  return inspected;
+}
+
+void Matcher::inspectOpened(int descriptor, InspectedFile* inspected) {
+  std::vector<Query>& queries = inspected->queries;
+  const std::string name = inspected->file.path.filename().native();
+  inspector_.inspect(descriptor, name, [&](Part&& part) {
+    if (part.reason != Reason::kNone && part.content.empty()) {
+      // It may be about a document that came before its reason was known.
+      const auto known = std::find_if(queries.begin(), queries.end(),
+                                      [&](const Query& q) { return q.member == part.name; });
+      if (known != queries.end()) {
+        known->reason = part.reason;
+        known->detail = part.detail;
+        return;
+      }
+    }
+    Query query = describe(part);
+    query.inspected = part.reason == Reason::kNone || !part.content.empty();
+    if (query.inspected) search(part, &query);
+    queries.push_back(std::move(query));
+  });
+}
+
+void Matcher::search(const Part& part, Query* query) {
+  const SignatureList all = fingerprinter_->signatures(part);
+  SignatureList signatures = without(all, common_);
+  query->signatures = signatures.size();
+  query->common = all.size() - signatures.size();
+  if (signatures.empty()) return;
+  for (const Match& match : session_->match(&signatures, part.content.size())) {
+    if (match.level < settings_.min_level) continue;
+    query->findings.push_back(finding(match, part, signatures));
+  }
+}
+
+Finding Matcher::finding(const Match& match, const Part& part, const SignatureList& signatures) {
+  Finding finding = {.match = match, .document = std::nullopt, .passages = {}};
+  const bool explain = settings_.explain && part.form == Form::kText;
+  SignatureList held;
+  if (catalogue_) {
+    const std::lock_guard lock(catalogue_mutex_);
+    finding.document = catalogue_->document(match.file_id);
+    if (explain) held = catalogue_->signatures(match.file_id);
+  }
+  if (explain) finding.passages = findPassages(part.content, sharedSignatures(signatures, held));
+  return finding;
+}
+
+}  // namespace tool
