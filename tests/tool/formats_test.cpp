@@ -735,8 +735,8 @@ Files book(const std::string& spine) {
 
 TEST(EpubFormat, PagesComeInTheOrderOfTheSpineThenTheOthers) {
   EXPECT_EQ(
-      "The Title first second unlisted",
-      words(canonicalText(parsed(parseEpub, zip(book("<itemref idref='p2'/><itemref idref='p1'/>"
+      "The Title second first unlisted",
+      words(canonicalText(parsed(parseEpub, zip(book("<itemref idref='p1'/><itemref idref='p2'/>"
                                                      "<itemref idref='p2'/><itemref idref='no'/>")))
                               .said)));
 }
