@@ -86,8 +86,9 @@ void IndexRun::index(const std::vector<FoundFile>& files) {
 }
 
 void IndexRun::take(OpenedFile&& opened) {
-  if (brokenByInterrupt(opened)) return;
   const std::string& path = opened.change.file.path;
+  const bool vanished = !opened.problem.empty() && isGone(path);  // since it was found
+  if (brokenByInterrupt(opened) || vanished) return;
   if (!opened.problem.empty()) {
     progress_.clear();
     complain(fmt::format("cannot index {}: {}", shownName(path), opened.problem));

@@ -49,9 +49,14 @@ const std::vector<VerbHelp>& allHelp() {
        "Keeping an index",
        "Index a directory as it changes",
        "Indexes the directories named and then every document in them that is added, changed "
-       "or removed, until it is ended by Ctrl-C.",
+       "or removed, until it is ended by Ctrl-C. A file is indexed when it has been left alone "
+       "for a while. Between that the index is free for other commands; one that is at work is "
+       "waited for. Changes behind symbolic links are not seen.\n"
+       "A directory that goes away, with a disk that is taken out, say, ends the watch; its "
+       "documents stay in the index.",
        "0  ended by the user\n"
-       "2  something could not be indexed",
+       "2  something could not be indexed, or a directory is gone\n"
+       "3  ended by the user, but something could not be inspected",
        {{"tessera watch --label board /srv/board", ""}}},
 
       {"delete",
@@ -59,7 +64,8 @@ const std::vector<VerbHelp>& allHelp() {
        "Remove documents from the index",
        "Removes the documents that were indexed under the names given, or below the directories "
        "given, that have one of the file IDs, or that bear the label. The files themselves are "
-       "not touched, and need not exist.",
+       "not touched, and need not exist. A member of a container is named as match and list name "
+       "it, FILE!MEMBER. What is indexed again afterwards comes back.",
        "0  they are gone from the index\n"
        "2  nothing of this name is in the index, or it could not be changed",
        {{"tessera delete ~/contracts/old", "everything that was indexed below a directory"},
@@ -73,8 +79,9 @@ const std::vector<VerbHelp>& allHelp() {
        "Text that is declared common counts nowhere: not in documents of the index, not in what "
        "is matched.\n"
        "\"add\" declares the text of files common, \"remove\" takes that back, \"list\" shows "
-       "the files that were added, \"suggest\" shows text that stands in many documents of the "
-       "index.",
+       "the files that were added, \"suggest\" shows signatures that stand in many documents of "
+       "the index (in a tenth of them, and in three at least, unless said otherwise), with how "
+       "many these are and the names of some.",
        "0  done\n"
        "2  something could not be done",
        {{"tessera common add letterhead.docx LICENSE", ""},
@@ -124,7 +131,8 @@ const std::vector<VerbHelp>& allHelp() {
       {"list",
        "Looking at an index",
        "Show the documents of the index",
-       "All documents, or those indexed under the names given and below the directories given.",
+       "All documents, or those indexed under the names given and below the directories given, "
+       "and then what of these was not inspected.",
        "0  shown\n"
        "2  there is no index, or it cannot be read",
        {{"tessera list ~/contracts", ""}, {"tessera list --json --label board", ""}}},

@@ -69,6 +69,14 @@ bool concerns(const std::vector<std::string>& changed, const std::string& file) 
   });
 }
 
+// What vanishes while it is looked for is told by the next change.
+bool allGone(const std::vector<fs::path>& paths) {
+  return !paths.empty() && std::none_of(paths.begin(), paths.end(), [](const fs::path& path) {
+    std::error_code error;
+    return fs::symlink_status(path, error).type() != fs::file_type::not_found;
+  });
+}
+
 class Watcher {
  public:
   // `files` has absolute paths: the current directory changes.
@@ -78,8 +86,10 @@ class Watcher {
   // What is at or below the paths `changed`, as far as it is chosen.
   void update(const std::vector<std::string>& changed) {
     FoundFiles found = findFiles(options_.files, common_.home);
-    for (const std::string& problem : found.problems) complain(problem);
-    failed_ = failed_ || !found.problems.empty();
+    if (!allGone(found.unseen)) {
+      for (const std::string& problem : found.problems) complain(problem);
+      failed_ = failed_ || !found.problems.empty();
+    }
     std::erase_if(found.files,
                   [&](const FoundFile& file) { return !concerns(changed, file.path.native()); });
 
