@@ -3,7 +3,7 @@
 .PHONY: help demo test coverage fuzz bench clean
 
 help:
-	@echo 'make demo      index texts of this machine and find five queries in them'
+	@echo 'make demo      index documents of this machine and find queries in them'
 	@echo 'make test      build and test everything: Linux, sanitizers, Windows under Wine'
 	@echo 'make coverage  run the tests with coverage and print it by folder'
 	@echo 'make fuzz      feed hostile inputs to all fuzz targets, 20 minutes each'

@@ -6,9 +6,15 @@ when its target changes, which only makes the fuzzer start from less. Inputs tha
 showed a fault lie beside the seeds and are written by nobody.
 """
 
+import bz2
+import gzip
+import io
+import lzma
 import pathlib
 import struct
 import sys
+import tarfile
+import zipfile
 
 root = pathlib.Path(sys.argv[1])
 
@@ -272,6 +278,51 @@ seed("canonical_text", "signs_that_are_folded", 0,
      "«a» ‚b‘ c – d … • © ½ → ĳ ﬃ Ａ～　\u2028\u2029\u0085\r\n\r\u1ffd\u0387")
 seed("canonical_text", "malformed", 0, b"a\xff\xc0\x80\xed\xa0\x80\xf4\x90\x80\x80\xe2\x82")
 seed("canonical_text", "jamo", 0, "\u1100" * 20 + "\u1161" * 20 + "\u11a8" * 20)
+
+# ---- extract_archive: the document
+
+
+def zip_of(*members, compression=zipfile.ZIP_DEFLATED):
+    target = io.BytesIO()
+    with zipfile.ZipFile(target, "w", compression) as archive:
+        for name, content in members:
+            archive.writestr(zipfile.ZipInfo(name), content, compression)
+    return target.getvalue()
+
+
+def tar_of(*members, form=tarfile.PAX_FORMAT):
+    target = io.BytesIO()
+    with tarfile.open(fileobj=target, mode="w", format=form) as archive:
+        for name, content in members:
+            header = tarfile.TarInfo(name)
+            header.size = len(content)
+            archive.addfile(header, io.BytesIO(content))
+    return target.getvalue()
+
+
+two_members = ("dir/a.txt", b"text of a\n"), ("b.txt", b"text of b\n" * 20)
+small_zip = zip_of(*two_members)
+small_tar = tar_of(*two_members)
+seed("extract_archive", "zip", small_zip)
+seed("extract_archive", "zip_stored", zip_of(*two_members, compression=zipfile.ZIP_STORED))
+seed("extract_archive", "zip_lzma", zip_of(*two_members, compression=zipfile.ZIP_LZMA))
+seed("extract_archive", "zip_in_zip", zip_of(("inner.zip", small_zip), ("a", b"x")))
+seed("extract_archive", "tar_equal_names", tar_of(("a", b"x"), ("a", b"y")))
+seed("extract_archive", "zip_bomb", zip_of(("zeros", bytes(2 << 20)), ("b", b"text")))
+seed("extract_archive", "zip_without_end", small_zip[:-30])
+seed("extract_archive", "office", zip_of(("[Content_Types].xml", b"<x/>"), ("word/a", b"x")))
+seed("extract_archive", "tar", small_tar)
+seed("extract_archive", "tar_gnu", tar_of(("n" * 200, b"text"), form=tarfile.GNU_FORMAT))
+seed("extract_archive", "tar_twice", small_tar + small_tar)
+seed("extract_archive", "tar_gz", gzip.compress(small_tar, mtime=0))
+seed("extract_archive", "tar_bz2", bz2.compress(small_tar))
+seed("extract_archive", "tar_xz", lzma.compress(small_tar))
+seed("extract_archive", "gz", gzip.compress(b"some text", mtime=0))
+seed("extract_archive", "gz_of_zeros", gzip.compress(bytes(4096), mtime=0))
+seed("extract_archive", "gz_bomb", gzip.compress(bytes(3 << 20), mtime=0))
+seed("extract_archive", "gz_in_gz", gzip.compress(gzip.compress(b"some text", mtime=0), mtime=0))
+seed("extract_archive", "lzma", lzma.compress(b"some text", lzma.FORMAT_ALONE))
+seed("extract_archive", "compound", b"\xd0\xcf\x11\xe0\xa1\xb1\x1a\xe1", bytes(1024))
 
 # ---- extract_html, extract_xml, extract_mail, extract_rtf: the document itself
 

@@ -153,8 +153,8 @@ class CommandLineTest(ToolTest):
     def test_bash_completes_verbs_options_values_and_files(self):
         self.write("report one.txt", "x")
         shell = self.terminal("bash --norc --noprofile", environment={"PS1": "> "})
-        shell.type(f"PS1='> '; source '{BASH}'; cd docs; clear\n")
-        shell.wait_for("> ")
+        shell.type(f"PS1='> '; source '{BASH}'; cd docs; clear; echo re''ady\n")
+        shell.wait_for("ready")
         for typed, completed in (
             ("tessera mat", "> tessera match ."),
             ("tessera match --exp", "> tessera match --explain ."),

@@ -96,7 +96,8 @@ TEST(Extraction, PlainTextComesInItsCanonicalForm) {
 }
 
 TEST(Extraction, APartTellsSizeAndHashOfItsBytes) {
-  const Part& part = open("abc").at("");
+  const Parts parts = open("abc");
+  const Part& part = parts.at("");
   EXPECT_EQ(3u, part.size);
   EXPECT_EQ("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad", hex(part.sha256));
 }
@@ -237,6 +238,19 @@ TEST(Archive, EveryCutOfEveryKindEndsWell) {
   }
 }
 
+// An archive may have both: what is only damaged needs no password.
+TEST(Archive, ADamagedMemberBesideAnEncryptedOneIsDamaged) {
+  std::string archive = zip({{"b", "text of b"}, {"a", noise(1000)}}, "zip:compression=store");
+  archive[archive.find("PK\3\4") + 6] |= 1;  // "b" is encrypted, says its header
+  archive[archive.find("PK\1\2") + 8] |= 1;  // and the directory
+  const size_t content = archive.find(noise(100));
+  ASSERT_NE(std::string::npos, content);
+  archive[content + 500] = static_cast<char>(archive[content + 500] ^ 1);
+  const Parts parts = open(archive);
+  EXPECT_EQ(Reason::kEncrypted, parts.at("b").reason);
+  EXPECT_EQ(Reason::kDamaged, parts.at("a").reason);
+}
+
 // Zeros are an empty tar to whoever looks for one.
 TEST(Archive, ACompressedFileOfZerosIsNotAnEmptyArchive) {
   const Parts parts = open(gzip(std::string(4096, '\0')), {}, "zeros.gz");
@@ -320,6 +334,7 @@ TEST(Limit, LargeBytesAreInspectedAsFarAsTheLimit) {
   limits.total_bytes = 1000;
   const Parts parts = open(noise(1001), limits);
   EXPECT_EQ(Reason::kSizeLimit, parts.at("").reason);
+  EXPECT_EQ("only the first 1000 bytes were inspected", parts.at("").detail);
   EXPECT_EQ(1000u, parts.at("").content.size());
   EXPECT_EQ(1001u, parts.at("").size);
 }

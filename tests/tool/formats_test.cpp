@@ -161,6 +161,15 @@ TEST(HtmlFormat, CharsetIsTheOneOfMetaUnlessDeclaredOutside) {
   EXPECT_EQ("\u041c\n", parsed(parseHtml, "<META CHARSET = \"windows-1251\">\xcc").said);
 }
 
+TEST(HtmlFormat, InXhtmlEveryElementMayCloseItself) {
+  EXPECT_EQ("text\n", parsed(parseHtml,
+                             "<?xml version='1.0'?><html><head><title/><script/></head>"
+                             "<body><p>text</p></body></html>")
+                          .said);
+  EXPECT_EQ("not well-formed\n",
+            parsed(parseHtml, "<?xml version='1.0'?><html><p>not <b>well-formed</html>").said);
+}
+
 TEST(HtmlFormat, DeepNestingIsReadWithoutRecursion) {
   const auto page = parsed(parseHtml, repeated("<x>", 300'000) + "deep");
   EXPECT_EQ(Reason::kNone, page.reason);
@@ -583,6 +592,19 @@ TEST(XlsxFormat, InlineStringsAndCommentsCount) {
                       .said));
 }
 
+TEST(XlsxFormat, CopiesOfCellsThatAreGoneCount) {
+  EXPECT_EQ(
+      "Second Prices deleted 7 elsewhere",
+      words(
+          parsed(parseOoxml,
+                 xlsx("", "<row/>",
+                      {{"xl/pivotCache/pivotCacheRecords1.xml",
+                        "<pivotCacheRecords><r><s v='deleted'/><n v='7'/></r></pivotCacheRecords>"},
+                       {"xl/externalLinks/externalLink1.xml",
+                        "<externalLink><cell><v>elsewhere</v></cell></externalLink>"}}))
+              .said));
+}
+
 TEST(XlsxFormat, HeadersAreReadWithoutTheirCodes) {
   EXPECT_EQ("Second Prices Draft of 3 x",
             words(parsed(parseOoxml, xlsx("",
@@ -713,8 +735,8 @@ Files book(const std::string& spine) {
 
 TEST(EpubFormat, PagesComeInTheOrderOfTheSpineThenTheOthers) {
   EXPECT_EQ(
-      "The Title first second unlisted",
-      words(canonicalText(parsed(parseEpub, zip(book("<itemref idref='p2'/><itemref idref='p1'/>"
+      "The Title second first unlisted",
+      words(canonicalText(parsed(parseEpub, zip(book("<itemref idref='p1'/><itemref idref='p2'/>"
                                                      "<itemref idref='p2'/><itemref idref='no'/>")))
                               .said)));
 }

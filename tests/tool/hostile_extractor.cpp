@@ -128,6 +128,13 @@ const std::map<std::string, std::function<void()>>& deeds() {
       {"program", startPrograms},
       {"fork-bomb", forkBomb},
       {"memory", takeMemory},
+      {"shared-memory",
+       [] {
+         constexpr size_t kMuch = size_t{4} << 30;  // which costs nothing before it is used
+         void* const block =
+             mmap(nullptr, kMuch, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+         say(block == MAP_FAILED ? "stopped" : "not stopped");
+       }},
       {"users", [] { say(access("/etc/passwd", F_OK) == 0 ? "allowed" : "refused"); }},
       // against the command
       {"hang", [] { hang(); }},
@@ -227,14 +234,11 @@ const std::map<std::string, std::function<void()>>& deeds() {
   return deeds_by_name;
 }
 
-}  // namespace
-
-int main() {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
+void serve() {
   FrameHeader header;
   std::string payload;
   Descriptor file;
-  if (!receiveFrame(kSocket, &header, &payload, &file)) return 1;
+  if (!receiveFrame(kSocket, &header, &payload, &file)) return;
   const Limits limits = decodeLimits(payload);
   sendFrame(kSocket, FrameType::kReady, confineProcess(limits));
   while (receiveFrame(kSocket, &header, &payload, &file)) {
@@ -243,5 +247,15 @@ int main() {
     const auto deed = deeds().find(payload);
     if (deed != deeds().end()) deed->second();
     sendFrame(kSocket, FrameType::kEnd, std::string(1, '\0'));
+  }
+}
+
+}  // namespace
+
+int main() {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  try {
+    serve();
+  } catch (const ProtocolError&) {  // the command has had enough
   }
 }

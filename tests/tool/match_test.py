@@ -210,7 +210,7 @@ class MatchTest(ToolTest):
         self.assertIn(f"level 2  {document}", out)
         self.assertIn("cannot read no such file: No such file or directory", err)
         records = self.records("no such file", document, status=FAILED)
-        self.assertEqual(["problem", "document", "summary"], [r["record"] for r in records])
+        self.assertEqual(["problem", "document", "summary"], [r["kind"] for r in records])
         self.assertEqual((1, 2), (records[2]["problems"], records[2]["status"]))
 
     @unittest.skipIf(os.geteuid() == 0, "root may read everything")

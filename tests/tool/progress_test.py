@@ -55,15 +55,16 @@ class ProgressTest(ToolTest):
             self.assertNotIn("Matching", terminal.wait_for("done"))
             terminal.close()
 
-    def test_rate_and_time_left_are_told_as_soon_as_they_mean_something(self):
+    def test_rate_and_time_left_are_told(self):
         for number in range(5):
             self.write(f"{number}.txt", text(number, 300))
         self.index()
+
         def slowly():
             time.sleep(0.7)
             return text(1, 300).encode()
+
         shown, _ = self.run_on_terminal("match", "-j1", "-", "docs", stdin=slowly)
-        self.assertNotIn(b"second", shown.split(b" 1 of 6")[0])
         self.assertRegex(shown, rb" 1 of 6  1\.\d a second  0:0\d left\x1b\[K")
 
     def test_nothing_is_shown_elsewhere(self):

@@ -179,7 +179,7 @@ class ReportTest(ToolTest):
             [record["verdict"] for record in documents],
         )
         self.assertEqual(
-            {"schema": "tessera-match-1", "record": "summary", "files": 2, "documents": 5,
+            {"schema": "tessera-match-1", "kind": "summary", "files": 2, "documents": 5,
              "matched": 2, "not_inspected": 1, "too_short": 1, "problems": 1, "status": 2},
             summary,
         )  # fmt: skip

@@ -28,7 +28,7 @@ class WalkTest(ToolTest):
         out, err = done.stdout.decode(), os.fsdecode(done.stderr)
         self.assertEqual(status, done.returncode, out + err)
         records = [json.loads(line) for line in out.splitlines()]
-        return [r["file"] for r in records if r["record"] == "document"], err
+        return [r["file"] for r in records if r["kind"] == "document"], err
 
     def files(self, *arguments, **options):
         return self.walk(*arguments, **options)[0]
@@ -123,16 +123,13 @@ class WalkTest(ToolTest):
 
     def test_other_file_systems_are_left_out_when_asked(self):
         here = self.docs.stat().st_dev
-        places = [pathlib.Path(tempfile.gettempdir()), pathlib.Path("/dev/shm")]
-        other = next((place for place in places if place.stat().st_dev != here), None)
-        if not other:
-            self.fail("this test needs a second file system")
+        others = [p for p in ("/dev/shm", "/tmp", os.getcwd()) if os.stat(p).st_dev != here]
+        self.assertTrue(others, "this test needs a second file system")
+        scratch = tempfile.TemporaryDirectory(prefix="tessera-tool-", dir=others[0])
+        self.addCleanup(scratch.cleanup)
         self.write("a", "x")
-        folder = other / f"tessera-{os.getpid()}"
-        folder.mkdir()
-        self.addCleanup(folder.rmdir)
+        folder = pathlib.Path(scratch.name).resolve()
         (folder / "b").write_text("x")
-        self.addCleanup((folder / "b").unlink)
         (self.docs / "elsewhere").symlink_to(folder)
         self.assertEqual(["./a", "./elsewhere/b"], self.files("-L", "."))
         self.assertEqual(["./a"], self.files("-L", "-x", "."))

@@ -130,6 +130,9 @@ void addInspectOptions(CLI::App* verb, InspectOptions* inspect) {
       ->check(CLI::PositiveNumber.description(""));
   add("--memory-limit", limits.memory_bytes, "SIZE", "Of each process that opens files (1Gi)")
       ->transform(CLI::Validator(size).description(""));
+}
+
+void addJobs(CLI::App* verb, InspectOptions* inspect) {
   verb->add_option("-j,--jobs", inspect->jobs, "Files opened at once (one for each processor)")
       ->check(CLI::Range(1u, 1024u).description(""))
       ->type_name("NUMBER")
@@ -162,6 +165,7 @@ void addIndexOptions(CLI::App* verb, IndexOptions* options) {
   verb->add_option("--label", options->label, "A word that every match with these documents tells")
       ->type_name("TEXT");
   addInspectOptions(verb, &options->inspect);
+  addJobs(verb, &options->inspect);
 }
 
 void addIndex(CLI::App* app, IndexOptions* options) {
@@ -239,6 +243,7 @@ void addMatch(CLI::App* app, MatchOptions* options) {
           "--sarif", [options] { options->report = Report::kSarif; }, "A SARIF 2.1.0 log")
       ->excludes("--json");
   addInspectOptions(verb, &options->inspect);
+  addJobs(verb, &options->inspect);
 }
 
 void addText(CLI::App* app, TextOptions* options) {

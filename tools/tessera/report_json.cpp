@@ -64,7 +64,7 @@ class JsonReporter : public Reporter {
     std::string lines;
     for (const Query& query : file.queries) {
       Json record = {{"schema", kSchema},
-                     {"record", "document"},
+                     {"kind", "document"},
                      {"name", shownName(file.nameOf(query))},
                      {"file", shownName(file.file.name)},
                      {"member", shownName(query.member)},
@@ -91,12 +91,12 @@ class JsonReporter : public Reporter {
   }
 
   std::string problem(const std::string& message) override {
-    return line({{"schema", kSchema}, {"record", "problem"}, {"message", message}});
+    return line({{"schema", kSchema}, {"kind", "problem"}, {"message", message}});
   }
 
   std::string end(const Totals& totals, int status) override {
     return line({{"schema", kSchema},
-                 {"record", "summary"},
+                 {"kind", "summary"},
                  {"files", totals.files},
                  {"documents", totals.documents},
                  {"matched", totals.matched},

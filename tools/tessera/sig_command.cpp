@@ -1,7 +1,6 @@
 // "tessera sig": the signatures of files. Tests: tests/tool/sig_test.py.
 #include <fmt/format.h>
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,14 +15,13 @@ namespace tool {
 
 int sigCommand(const CommonOptions& common, const SigOptions& options) {
   OpenedParts parts(options.files, common.home, options.inspect);
-  std::optional<Fingerprinter> fingerprinter;
   const ScratchHome scratch(common.home);
-  fingerprinter.emplace(options.selection);
+  const Fingerprinter fingerprinter(options.selection);
 
   Headings headings(options.files.size() > 1);
   const bool whole = parts.each([&](const std::string& name, const Part& part) {
     std::vector<std::string> lines;
-    for (const Signature& signature : fingerprinter->signatures(part)) {
+    for (const Signature& signature : fingerprinter.signatures(part)) {
       lines.push_back(hexadecimal(signature));
     }
     if (options.json) {

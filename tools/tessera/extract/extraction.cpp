@@ -78,6 +78,7 @@ class Extraction {
   void deliverPlain(const Opened& opened, Part part);
   void deliverText(std::string_view text, Part part);
   void deliverBytes(std::string_view content, Part part);
+  void noteCut(Part* part) const;
 };
 
 // What a parser finds in one document.
@@ -270,7 +271,7 @@ void Extraction::deliverPlain(const Opened& opened, Part part) {
   if (mayBeText(part.type)) decoded = decodeText(content, opened.charset);
   if (!decoded) return deliverBytes(opened.content, std::move(part));
   if (part.type == "application/octet-stream") part.type = "text/plain";
-  if (content.size() < opened.content.size()) part.reason = Reason::kSizeLimit;
+  if (content.size() < opened.content.size()) noteCut(&part);
   part.encoding = std::move(decoded->encoding);
   deliverText(decoded->text, std::move(part));
 }
@@ -281,7 +282,7 @@ void Extraction::deliverText(std::string_view text, Part part) {
   const std::string_view kept = cutText(part.content, budget.limits().total_bytes);
   if (kept.size() < part.content.size()) {
     part.content.resize(kept.size());
-    if (part.reason == Reason::kNone) part.reason = Reason::kSizeLimit;
+    noteCut(&part);
   }
   deliver(std::move(part));
 }
@@ -289,10 +290,16 @@ void Extraction::deliverText(std::string_view text, Part part) {
 void Extraction::deliverBytes(std::string_view content, Part part) {
   part.form = Form::kBinary;
   part.content = content.substr(0, budget.limits().total_bytes);
-  if (part.content.size() < content.size() && part.reason == Reason::kNone) {
-    part.reason = Reason::kSizeLimit;
-  }
+  if (part.content.size() < content.size()) noteCut(&part);
   deliver(std::move(part));
+}
+
+// Not all of it is inspected; whatever else is wrong with it is said rather.
+void Extraction::noteCut(Part* part) const {
+  if (part->reason != Reason::kNone) return;
+  part->reason = Reason::kSizeLimit;
+  part->detail =
+      "only the first " + std::to_string(budget.limits().total_bytes) + " bytes were inspected";
 }
 
 }  // namespace

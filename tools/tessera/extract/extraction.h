@@ -7,7 +7,7 @@
 // parser is given hostile bytes; none trusts a length, an offset or a count in them,
 // and what it allocates follows from bytes that are there or is counted against the
 // limits.
-// Tests: tests/tool/extraction_test.cpp and tests/tool/formats_test.py.
+// Tests: tests/tool/extraction_test.cpp and tests/tool/formats_test.cpp.
 #pragma once
 
 #include <stdexcept>

@@ -15,7 +15,7 @@
 // bytes. The command trusts nothing that comes back: an extractor may have been taken
 // over by a document. Every length is held to a limit before it is believed, and what
 // does not fit is a ProtocolError, over which the extractor is ended.
-// Tests: tests/tool/protocol_test.cpp.
+// Tests: tests/tool/inspector_test.cpp.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // What an extractor takes from itself before it looks at the first document. What only
 // whoever starts it can take (namespaces) is in inspect/confined_command.h.
-// Tests: tests/tool/sandbox_test.cpp.
+// Tests: tests/tool/inspector_test.cpp.
 #pragma once
 
 #include <cstdint>

@@ -4,7 +4,7 @@
 //
 //   file --descriptor--> extractor --parts--> deliver
 //
-// Tests: tests/tool/inspector_test.cpp and tests/tool/bombs_test.py.
+// Tests: tests/tool/inspector_test.cpp and tests/tool/documents/bombs_test.py.
 #pragma once
 
 #include <functional>

@@ -52,7 +52,7 @@ ArchiveReader::ArchiveReader(std::string_view content, Kind kind)
   // "data": a NULL is no archive at all, an empty view may have one.
   if (archive_read_open_memory(archive_.get(), content.empty() ? "" : content.data(),
                                content.size()) != ARCHIVE_OK) {
-    fail();
+    fail(Reason::kDamaged);
   }
 }
 
@@ -62,7 +62,10 @@ bool ArchiveReader::next() {
     result = archive_read_next_header(archive_.get(), &entry_);
   } while (result == ARCHIVE_RETRY);
   if (result == ARCHIVE_EOF) return false;
-  if (result < ARCHIVE_WARN) fail();
+  if (result < ARCHIVE_WARN) {
+    const bool encrypted = archive_read_has_encrypted_entries(archive_.get()) > 0;
+    fail(encrypted ? Reason::kEncrypted : Reason::kDamaged);
+  }
   entry_start_ = static_cast<uint64_t>(archive_filter_bytes(archive_.get(), -1));
   return true;
 }
@@ -95,7 +98,7 @@ std::string ArchiveReader::read(const Document& document) {
   while (true) {
     const la_ssize_t got = archive_read_data(archive_.get(), chunk.data(), chunk.size());
     if (got == ARCHIVE_RETRY) continue;
-    if (got < 0) fail();
+    if (got < 0) fail(Reason::kDamaged);
     if (got == 0) return content;
     document.expectMember(content.size() + static_cast<size_t>(got), consumed());
     content.append(chunk.data(), static_cast<size_t>(got));
@@ -105,7 +108,7 @@ std::string ArchiveReader::read(const Document& document) {
 std::string ArchiveReader::readBeginning(size_t bytes) {
   std::string content(bytes, '\0');
   const la_ssize_t got = archive_read_data(archive_.get(), content.data(), bytes);
-  if (got < 0) fail();
+  if (got < 0) fail(Reason::kDamaged);
   content.resize(static_cast<size_t>(got));
   return content;
 }
@@ -134,13 +137,10 @@ uint64_t ArchiveReader::consumed() const {
   return position > entry_start_ ? position - entry_start_ : 1;
 }
 
-void ArchiveReader::fail() const {
+void ArchiveReader::fail(Reason reason) const {
+  if (archive_errno(archive_.get()) == ENOMEM) reason = Reason::kMemoryLimit;
   const char* message = archive_error_string(archive_.get());
-  if (archive_errno(archive_.get()) == ENOMEM) {
-    throw NotInspected(Reason::kMemoryLimit, message ? message : "");
-  }
-  const bool encrypted = archive_read_has_encrypted_entries(archive_.get()) > 0;
-  throw NotInspected(encrypted ? Reason::kEncrypted : Reason::kDamaged, message ? message : "");
+  throw NotInspected(reason, message ? message : "");
 }
 
 }  // namespace tool

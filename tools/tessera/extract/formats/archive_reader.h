@@ -53,7 +53,7 @@ class ArchiveReader {
     void operator()(archive* reader) const { archive_read_free(reader); }
   };
 
-  [[noreturn]] void fail() const;
+  [[noreturn]] void fail(Reason reason) const;
   uint64_t consumed() const;  // compressed bytes of this entry so far
 
   const std::unique_ptr<archive, Closer> archive_;

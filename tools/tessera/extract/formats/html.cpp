@@ -289,7 +289,9 @@ std::string xhtmlText(std::string_view bytes, const Limits& limits) {
 }
 
 void parseHtml(std::string_view content, Document& document) {
-  document.text(htmlText(content, document.charset(), document.limits()));
+  document.text(content.starts_with("<?xml")
+                    ? xhtmlText(content, document.limits())
+                    : htmlText(content, document.charset(), document.limits()));
 }
 
 }  // namespace tool

@@ -19,7 +19,7 @@ namespace {
 constexpr size_t kMostBlanks = 100;  // that one element is believed to stand for
 
 // Text stands in paragraphs and headings. One inside another belongs to a note, a comment
-// or a text box.
+// or a drawing.
 class OdfText : public XmlHandler {
  public:
   void start(std::string_view name, const XmlAttributes& attributes) override {
@@ -29,7 +29,7 @@ class OdfText : public XmlHandler {
       flow_.beginAside();
       paragraphs_.push_back(0);
     } else if (isParagraph(name)) {
-      ++paragraphs_.back();
+      if (paragraphs_.back()++ > 0) flow_.beginAside();
     } else if (name == "s") {
       blanks(attributes.prefixedValue("c"));
     } else if (name == "tab") {
@@ -46,8 +46,8 @@ class OdfText : public XmlHandler {
       flow_.endAside();
       if (paragraphs_.size() > 1) paragraphs_.pop_back();
     } else if (isParagraph(name)) {
-      --paragraphs_.back();
       flow_.endLine();
+      if (--paragraphs_.back() > 0) flow_.endAside();
     }
   }
 
@@ -61,15 +61,14 @@ class OdfText : public XmlHandler {
   static bool isParagraph(std::string_view name) { return name == "p" || name == "h"; }
 
   static bool isAside(std::string_view name) {
-    return name == "note" || name == "annotation" || name == "text-box" || name == "frame" ||
-           name == "tracked-changes" || name == "notes";
+    return name == "note" || name == "annotation" || name == "tracked-changes" || name == "notes";
   }
 
   // What is no text, or another one in every place: pictures and what they are called,
   // numbers of pages.
   static bool isSkipped(std::string_view name) {
-    static constexpr std::array<std::string_view, 7> kSkipped = {
-        "binary-data", "title", "desc", "page-number", "page-count", "sheet-name", "note-citation"};
+    static constexpr std::array<std::string_view, 6> kSkipped = {
+        "binary-data", "title", "desc", "page-number", "page-count", "sheet-name"};
     return std::find(kSkipped.begin(), kSkipped.end(), name) != kSkipped.end();
   }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,11 +19,6 @@
 namespace tool {
 namespace {
 
-template <size_t size>
-bool isOneOf(std::string_view name, const std::array<std::string_view, size>& names) {
-  return std::find(names.begin(), names.end(), name) != names.end();
-}
-
 // ---- Text of one part
 
 // Parts in WordprocessingML, PresentationML and DrawingML, where text stands in <t>, and
@@ -30,16 +26,21 @@ bool isOneOf(std::string_view name, const std::array<std::string_view, size>& na
 class MarkupText : public XmlHandler {
  public:
   explicit MarkupText(std::string_view root)
-      : is_chart_(root == "chartSpace"),
+      : has_values_(root == "chartSpace" || root == "externalLink"),
+        is_cache_(root == "pivotCacheDefinition" || root == "pivotCacheRecords"),
         is_master_(root == "sldMaster" || root == "sldLayout" || root == "notesMaster") {}
 
   static bool isRoot(std::string_view name) {
-    static constexpr std::array<std::string_view, 17> kRoots = {
-        "document",  "glossaryDocument", "hdr",   "ftr",   "footnotes",
-        "endnotes",  "comments",         "sld",   "notes", "sldMaster",
-        "sldLayout", "notesMaster",      "cmLst", "wsDr",  "chartSpace",
-        "dataModel", "ThreadedComments"};
-    return isOneOf(name, kRoots);
+    static const std::set<std::string_view> kRoots = {
+        // of Word
+        "document", "glossaryDocument", "hdr", "ftr", "footnotes", "endnotes", "comments",
+        // of Excel, which has comments, too
+        "ThreadedComments", "externalLink", "pivotCacheDefinition", "pivotCacheRecords",
+        // of PowerPoint
+        "sld", "notes", "sldMaster", "sldLayout", "notesMaster", "cmLst",
+        // drawings, charts and diagrams of all three
+        "wsDr", "chartSpace", "dataModel"};
+    return kRoots.count(name) != 0;
   }
 
   void start(std::string_view name, const XmlAttributes& attributes) override {
@@ -56,6 +57,9 @@ class MarkupText : public XmlHandler {
       flow_.write("\n");
     } else if (name == "noBreakHyphen") {
       flow_.write("-");
+    } else if (is_cache_) {
+      flow_.write(attributes.value("v"));
+      flow_.endLine();
     } else if (name == "sp") {
       shape_start_ = flow_.length();
       is_placeholder_ = false;
@@ -89,7 +93,7 @@ class MarkupText : public XmlHandler {
 
  private:
   bool isTextElement(std::string_view name) const {
-    return name == "t" || name == "delText" || name == "text" || (name == "v" && is_chart_);
+    return name == "t" || name == "delText" || name == "text" || (name == "v" && has_values_);
   }
 
   static bool isAside(std::string_view name) {
@@ -97,7 +101,8 @@ class MarkupText : public XmlHandler {
   }
 
   Flow flow_;
-  const bool is_chart_;
+  const bool has_values_;  // in <v>, copied from cells
+  const bool is_cache_;    // of a pivot table: copies of cells that may long be gone
   const bool is_master_;
   size_t skipped_ = 0;  // elements open that hold no text, and those inside
   size_t in_text_ = 0;

@@ -3,6 +3,7 @@
 // decoded, or single UTF-16 units (\u) with a replacement after them that is skipped.
 #include "extract/formats/rtf.h"
 
+#include <unicode/ucnv.h>
 #include <unicode/unistr.h>
 
 #include <algorithm>
@@ -11,13 +12,14 @@
 #include <cstdint>
 #include <limits>
 #include <map>
-#include <optional>
+#include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "extract/formats/flow.h"
-#include "text/canonical_text.h"
+#include "text/charset.h"
 
 namespace tool {
 namespace {
@@ -78,16 +80,48 @@ int codePageOf(int charset) {
   return found == kCodePages.end() ? 0 : found->second;
 }
 
-std::string charsetOf(int code_page) {
+std::string labelOf(int code_page) {
   if (code_page == 65001) return "UTF-8";
   if (code_page == 10000) return "macintosh";
   if (code_page == 932) return "Shift_JIS";
   if (code_page == 936) return "GBK";
   if (code_page == 949) return "EUC-KR";
   if (code_page == 950) return "Big5";
-  if (code_page == 1361) return "johab";
   return (code_page < 1000 && code_page != 874 ? "IBM" : "windows-") + std::to_string(code_page);
 }
+
+// Converters from the code pages of a document. Opening one takes longer than the words
+// that it is needed for.
+class CodePages {
+ public:
+  std::string toUtf8(std::string_view bytes, int code_page) {
+    UConverter* const converter = open(code_page);
+    UErrorCode status = U_ZERO_ERROR;
+    std::string text;
+    icu::UnicodeString(bytes.data(), static_cast<int32_t>(bytes.size()), converter, status)
+        .toUTF8String(text);
+    return text;
+  }
+
+ private:
+  struct Closer {
+    void operator()(UConverter* converter) const { ucnv_close(converter); }
+  };
+
+  // Of Windows-1252 for a code page that is not known.
+  UConverter* open(int code_page) {
+    auto& converter = converters_[code_page];
+    if (!converter) {
+      UErrorCode status = U_ZERO_ERROR;
+      converter.reset(ucnv_open(charsetOf(labelOf(code_page)).c_str(), &status));
+    }
+    if (!converter && code_page == kWestern) throw std::bad_alloc();
+    return converter ? converter.get() : open(kWestern);
+  }
+
+  static constexpr int kWestern = 1252;
+  std::map<int, std::unique_ptr<UConverter, Closer>> converters_;
+};
 
 int hexDigit(char c) {
   const int low = std::tolower(static_cast<unsigned char>(c));
@@ -334,8 +368,7 @@ class Rtf {
         font == font_code_pages_.end() || font->second == 0 ? code_page_ : font->second;
     const bool is_ascii =
         std::none_of(bytes_.begin(), bytes_.end(), [](unsigned char c) { return c >= 0x80; });
-    const auto decoded = is_ascii ? std::nullopt : decodeText(bytes_, charsetOf(code_page));
-    write(decoded ? decoded->text : bytes_);
+    write(is_ascii ? bytes_ : code_pages_.toUtf8(bytes_, code_page));
     bytes_.clear();
   }
 
@@ -363,6 +396,7 @@ class Rtf {
   Flow flow_;
   Group here_;
   std::vector<Group> outer_;
+  CodePages code_pages_;
   std::map<int, int> font_code_pages_;
   int code_page_ = 1252;
   int default_font_ = 0;

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <exception>
+#include <map>
 #include <memory>
 #include <new>
 
@@ -109,11 +110,16 @@ class Run {
   static void onSkippedEntity(void* self, const char* name, int is_parameter) {
     auto* const run = static_cast<Run*>(self);
     if (is_parameter != 0) return;
-    run->guarded([&] {
-      std::string text = htmlText(std::string("&").append(name).append(";"), "UTF-8", run->limits_);
-      if (!text.empty() && text.back() == '\n') text.pop_back();
-      run->handler_.text(text);
-    });
+    run->guarded([&] { run->handler_.text(run->entityOfWebPages(name)); });
+  }
+
+  const std::string& entityOfWebPages(const std::string& name) {
+    std::string& text = known_entities_[name];
+    if (text.empty()) {
+      text = htmlText("&" + name + ";", "UTF-8", limits_);
+      if (!text.empty()) text.pop_back();  // the end of the line
+    }
+    return text;
   }
 
   [[noreturn]] void fail() const {
@@ -132,6 +138,7 @@ class Run {
   XmlHandler& handler_;
   std::exception_ptr failure_;
   int entities_ = 0;
+  std::map<std::string, std::string> known_entities_;
 };
 
 // All character data; an element parts words. Its root tells a web page.
