@@ -51,8 +51,8 @@ ENCODINGS = {
     "german": ["iso8859-1", "iso8859-15", "cp1252", "cp850", "mac-roman", "iso8859-2"],
     "russian": ["koi8-r", "cp1251", "iso8859-5", "cp866", "mac-cyrillic"],
 }
-# Of these nothing in the bytes tells, so that they have to be declared.
-NEVER_GUESSED = ["cp866"]
+# Too little in the bytes tells of these, so that they have to be declared.
+NEVER_GUESSED = ["cp866", "mac-cyrillic"]
 UNICODE = ["utf-8", "utf-8-sig", "utf-16", "utf-16-le", "utf-16-be", "utf-32"]
 
 
