@@ -97,18 +97,6 @@ class Times(threading.Thread):
         return sums
 
 
-def run(self):
-        while not self.over.wait(0.01):
-            self.sample()
-
-    def by_program(self, total):
-        sums = collections.Counter()
-        for name, own, *_ in self.used.values():
-            sums[name] += own
-        sums["short-lived"] = max(0.0, total - sum(sums.values()))
-        return sums
-
-
 def run(tessera, home, *arguments):
     """Returns what a run of the command took; the output is not looked at."""
     begun = time.monotonic()

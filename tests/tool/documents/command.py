@@ -44,7 +44,7 @@ class Run:
 
 
 def is_document(line):
-    return json.loads(line).get("record") == "document"
+    return json.loads(line)["kind"] == "document"
 
 
 def verdict(record):
