@@ -88,9 +88,17 @@ class RealFormats(unittest.TestCase):
         self.assertEqual([], missed)
 
     def print_table(self, rows):
-        lines = ["| format | made by | text | level | found |", "|---|---|---|---|---|"]
+        found = {}
         for _, format_, by, language, level, hits, of in sorted(rows):
-            lines.append(f"| {format_} | {by} | {language} | {level} | {100 * hits // of} % |")
+            found.setdefault((format_, by), {})[language] = f"{level}: {100 * hits // of} %"
+        languages = sorted(TEXTS)
+        lines = [
+            "| format | made by | " + " | ".join(languages) + " |",
+            "|---|---|" + "---|" * len(languages),
+        ]
+        for (format_, by), cells in found.items():
+            row = [format_, by, *(cells.get(language, "") for language in languages)]
+            lines.append("| " + " | ".join(row) + " |")
         (DOCUMENTS / "recall.md").write_text("\n".join(lines) + "\n", encoding="utf-8")
         print("\n".join(lines))
 
