@@ -34,6 +34,10 @@ magic_set* magicDatabase() {
     if (!made || magic_load(made.get(), nullptr) != 0) {
       throw std::runtime_error("cannot load the database of file types");
     }
+    // Regular expressions over more of a text take longer than all else that is done
+    // with it, and only tell one programming language from another.
+    size_t bytes_for_expressions = 1024;
+    magic_setparam(made.get(), MAGIC_PARAM_REGEX_MAX, &bytes_for_expressions);
     return made;
   }();
   return database.get();
