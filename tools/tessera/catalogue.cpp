@@ -547,7 +547,28 @@ void Catalogue::settle() {
   execute("DELETE FROM lists WHERE id IN (SELECT id FROM documents WHERE state = 2)");
   execute("DELETE FROM documents WHERE state = 2");
   execute("UPDATE documents SET state = 0 WHERE state = 1");
+  execute("INSERT OR REPLACE INTO meta SELECT 'settled', value FROM meta WHERE key = 'begun'");
   transaction.commit();
+}
+
+Catalogue::Generations Catalogue::generations() const {
+  Statement select(*this,
+                   "SELECT coalesce(max(CASE key WHEN 'begun' THEN CAST(value AS INTEGER) END), 0),"
+                   " coalesce(max(CASE key WHEN 'settled' THEN CAST(value AS INTEGER) END), 0) "
+                   "FROM meta");
+  select.step();
+  Generations generations;
+  generations.begun = select.number();
+  generations.settled = select.number();
+  return generations;
+}
+
+int64_t Catalogue::beginGeneration() {
+  const int64_t begun = generations().settled + 1;
+  Statement(*this, "INSERT OR REPLACE INTO meta VALUES ('begun', ?)")
+      .text(fmt::to_string(begun))
+      .step();
+  return begun;
 }
 
 int64_t Catalogue::lastId() const {

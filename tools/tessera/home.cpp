@@ -48,6 +48,15 @@ bool hasIndex(const fs::path& home) {
   return fs::exists(home / kIndexName / "meta_data.bin", ignored);
 }
 
+bool hasTrees(const fs::path& home) {
+  std::error_code error;
+  for (fs::directory_iterator entry(home / kIndexName, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (entry->path().extension() == ".blk") return true;
+  }
+  return false;
+}
+
 void enterHome(const fs::path& home) {
   std::error_code error;
   fs::current_path(home, error);

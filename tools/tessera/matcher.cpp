@@ -65,9 +65,21 @@ Matcher::Matcher(const fs::path& home, const Settings& settings)
     fingerprinter_.emplace(Selection::kFull);
   }
   enterHome(home);
+  requireIndex(home);
   tables_.emplace(kIndexName, DirectoryLock::Kind::kShared);
+  if (catalogue_) readCatalogue(home);
   session_.emplace();
-  if (catalogue_) common_ = catalogue_->commonSignatures();
+}
+
+void Matcher::readCatalogue(const fs::path& home) {
+  requireSameRun(home, *catalogue_);
+  common_ = catalogue_->commonSignatures();
+  if (const size_t waiting = catalogue_->unsettled().size()) {
+    complain(
+        fmt::format("note: {} not settled in the index yet: a run is at work, or was cut off, "
+                    "which the next 'tessera index' makes good",
+                    waiting == 1 ? "a document is" : fmt::format("{} documents are", waiting)));
+  }
 }
 
 InspectedFile Matcher::inspect(const FoundFile& file) {

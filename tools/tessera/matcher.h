@@ -77,6 +77,7 @@ class Matcher {
   InspectedFile inspect(const FoundFile& file);
 
  private:
+  void readCatalogue(const std::filesystem::path& home);
   void inspectOpened(int descriptor, InspectedFile* inspected);
   void search(const Part& part, Query* query);
   Finding finding(const Match& match, const Part& part, const SignatureList& signatures);

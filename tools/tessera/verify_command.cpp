@@ -103,6 +103,9 @@ int verifyCommand(const CommonOptions& common, const VerifyOptions& options) {
   verifyCatalogue(*catalogue, &findings);
   verifyIndex(&findings);
   if (!findings.damaged()) compare(*catalogue, common.home, &findings);
+  if (!areOfSameRun(common.home, *catalogue)) {
+    findings.add(TESSERA_FINDING_ERROR, "the catalogue", "is not of the same run as the index");
+  }
   if (findings.damaged()) {
     complain(
         "the index is damaged: 'tessera rebuild' makes its search tables anew, "
