@@ -124,23 +124,34 @@ void Matcher::search(const Part& part, Query* query) {
   query->signatures = signatures.size();
   query->common = all.size() - signatures.size();
   if (signatures.empty()) return;
-  for (const Match& match : session_->match(&signatures, part.content.size())) {
-    if (match.level < settings_.min_level) continue;
-    query->findings.push_back(finding(match, part, signatures));
+  std::vector<Match> matches = session_->match(&signatures, part.content.size());
+  std::erase_if(matches, [&](const Match& match) { return match.level < settings_.min_level; });
+  for (const Match& match : matches) query->findings.push_back(finding(match));
+  if (settings_.explain && part.form == Form::kText && !matches.empty()) {
+    explain(part.content, signatures, query);
   }
 }
 
-Finding Matcher::finding(const Match& match, const Part& part, const SignatureList& signatures) {
+Finding Matcher::finding(const Match& match) {
   Finding finding = {.match = match, .document = std::nullopt, .passages = {}};
-  const bool explain = settings_.explain && part.form == Form::kText;
-  SignatureList held;
   if (catalogue_) {
     const std::lock_guard lock(catalogue_mutex_);
     finding.document = catalogue_->document(match.file_id);
-    if (explain) held = catalogue_->signatures(match.file_id);
   }
-  if (explain) finding.passages = findPassages(part.content, sharedSignatures(signatures, held));
   return finding;
+}
+
+void Matcher::explain(std::string_view text, const SignatureList& signatures, Query* query) {
+  if (!catalogue_) return;
+  const std::vector<Window> windows = findWindows(text);
+  for (Finding& finding : query->findings) {
+    SignatureList held;
+    {
+      const std::lock_guard lock(catalogue_mutex_);
+      held = catalogue_->signatures(finding.match.file_id);
+    }
+    finding.passages = findPassages(text, windows, sharedSignatures(signatures, held));
+  }
 }
 
 }  // namespace tool
