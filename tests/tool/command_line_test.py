@@ -65,6 +65,14 @@ class CommandLineTest(ToolTest):
             self.assertEqual("", out)
             self.assertIn(message, err)
 
+    def test_complaints_about_what_was_typed_are_harmless_on_a_terminal(self):
+        name = "\033[31m\udcff"
+        for arguments in (["match", f"--{name}"], [name], ["--home", f"/proc/{name}", "index", "."]):
+            with self.subTest(arguments=arguments):
+                _, err = self.run_tool(*arguments, status=FAILED)
+                self.assertIn(r"\x1b[31m\xff", err)
+                self.assertNotIn("\033", err)
+
     def test_every_verb_does_something(self):
         self.index(self.write("a.txt", text(1)))
         for arguments in (

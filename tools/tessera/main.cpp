@@ -15,6 +15,7 @@
 #include "command_line.h"
 #include "failure.h"
 #include "home.h"
+#include "names.h"
 
 namespace tool {
 
@@ -43,7 +44,7 @@ std::string usageError(const CLI::App* app, const CLI::Error& error) {
                            : fmt::format("there is no verb '{}'", rest.front());
   }
   return fmt::format("tessera: {}\n'tessera --help' and 'tessera VERB --help' tell more.\n",
-                     message);
+                     shownName(message));
 }
 
 int dispatch(const std::string& verb, const Options& options) {

@@ -8,6 +8,7 @@
 
 #include "failure.h"
 #include "input.h"
+#include "names.h"
 #include "store.h"
 
 namespace fs = std::filesystem;
@@ -26,7 +27,7 @@ SignatureList sharedSignatures(const SignatureList& a, const SignatureList& b) {
 std::unique_ptr<Catalogue> findCatalogue(const fs::path& home) {
   if (!hasIndex(home) || fs::exists(home / kCatalogueName)) return openCatalogue(home);
   complain(fmt::format("note: without the catalogue {}, documents have numbers only",
-                       (home / kCatalogueName).string()));
+                       shownName((home / kCatalogueName).native())));
   return nullptr;
 }
 
