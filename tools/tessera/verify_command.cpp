@@ -112,7 +112,10 @@ int verifyCommand(const CommonOptions& common, const VerifyOptions& options) {
         "'tessera rebuild --from-catalogue' all of it");
     return kFailed;
   }
-  if (!options.json) fmt::print("the index is whole and agrees with its catalogue\n");
+  if (!options.json) {
+    fmt::print("the index is whole and agrees with its catalogue{}\n",
+               catalogue->unsettled().empty() ? "" : " but for what is not settled");
+  }
   return kDone;
 }
 
