@@ -1,10 +1,11 @@
 """An index and a catalogue that do not agree, or are not there."""
 
 import os
+import shutil
 import subprocess
 import unittest
 
-from support import DONE, FAILED, TESSERA, ToolTest, text
+from support import DONE, FAILED, MATCHED, TESSERA, ToolTest, text
 
 
 class CatalogueTest(ToolTest):
@@ -34,6 +35,55 @@ class CatalogueTest(ToolTest):
         self.assertIn("made good now", err)
         self.assertEqual([(2, str(first))], self.matches(first))
         self.assertEqual([(2, str(second))], self.matches(second))
+
+    def test_catalogue_and_index_of_different_runs_are_not_used_together(self):
+        first = self.write("a.txt", text(1))
+        self.index()
+        backup = self.dir / "backup"
+        shutil.copytree(self.home, backup)
+        second = self.write("b.txt", text(2))
+        self.index()
+        for name in ("catalogue.sqlite", "sig_index_DB"):
+            with self.subTest(restored=name):
+                home = self.dir / "other"
+                shutil.rmtree(home, ignore_errors=True)
+                shutil.copytree(self.home, home)
+                if name == "catalogue.sqlite":
+                    shutil.copy(backup / name, home / name)
+                else:
+                    shutil.rmtree(home / name)
+                    shutil.copytree(backup / name, home / name)
+                elsewhere = ("--home", home)
+                for command in (["index", self.docs], ["match", second], ["delete", first]):
+                    _, err = self.run_tool(*elsewhere, *command, status=FAILED)
+                    self.assertIn("not of the same run", err)
+                out, _ = self.run_tool(*elsewhere, "verify", status=FAILED)
+                self.assertIn("not of the same run", out)
+                self.run_tool(*elsewhere, "rebuild", "--from-catalogue", status=DONE)
+                self.run_tool(*elsewhere, "index", self.docs, status=DONE)
+                self.run_tool(*elsewhere, "verify", status=DONE)
+                out, _ = self.run_tool(*elsewhere, "match", first, second, status=MATCHED)
+                for document in (first, second):
+                    self.assertEqual(1, out.count(f"level 2  {document} "), out)
+
+    def test_index_that_lost_its_trees_is_made_again_from_the_catalogue(self):
+        first = self.write("a.txt", text(1))
+        self.index()
+        for file in self.home.glob("sig_index_DB/fid_index*"):
+            file.unlink()
+        second = self.write("b.txt", text(2))
+        self.index()
+        for document in (first, second):
+            self.assertEqual([(2, str(document))], self.matches(document))
+        self.run_tool("verify", status=DONE)
+
+    def test_whatever_needs_an_index_that_was_removed_says_what_to_do(self):
+        document = self.write("a.txt", text(1))
+        self.index()
+        shutil.rmtree(self.home / "sig_index_DB")
+        for command in (["match", document], ["export", "tables"], ["rebuild"]):
+            _, err = self.run_tool(*command, status=FAILED)
+            self.assertIn("rebuild --from-catalogue", err)
 
     def test_catalogue_that_is_no_catalogue_is_told(self):
         document = self.write("a.txt", text(1))

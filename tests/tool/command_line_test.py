@@ -3,10 +3,11 @@
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import unittest
 
-from support import DONE, FAILED, MATCHED, TESSERA, ToolTest, text
+from support import DONE, FAILED, MATCHED, NOT_INSPECTED, TESSERA, ToolTest, text
 
 SHARE = pathlib.Path(os.environ["TESSERA_SHARE"])
 BASH = SHARE / "bash-completion/completions/tessera"
@@ -64,6 +65,14 @@ class CommandLineTest(ToolTest):
             self.assertEqual("", out)
             self.assertIn(message, err)
 
+    def test_complaints_about_what_was_typed_are_harmless_on_a_terminal(self):
+        name = "\033[31m\udcff"
+        for arguments in (["match", f"--{name}"], [name], ["--home", f"/proc/{name}", "index", "."]):
+            with self.subTest(arguments=arguments):
+                _, err = self.run_tool(*arguments, status=FAILED)
+                self.assertIn(r"\x1b[31m\xff", err)
+                self.assertNotIn("\033", err)
+
     def test_every_verb_does_something(self):
         self.index(self.write("a.txt", text(1)))
         for arguments in (
@@ -118,6 +127,34 @@ class CommandLineTest(ToolTest):
         out, _ = self.run_tool(*verb, "--help", status=DONE)
         heads = re.findall(r"^  (-[^ ]+)", out, re.M)
         return [name for head in heads for name in head.split(",")]
+
+    def run_redirected(self, redirections, *arguments):
+        shell = ["sh", "-c", f'exec "$@" {redirections}', "sh", TESSERA]
+        return subprocess.run([*shell, *arguments], cwd=self.dir, env=self.environment(),
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                              timeout=120)  # fmt: skip
+
+    def test_standard_files_that_are_closed_are_no_documents_and_take_in_no_messages(self):
+        document = self.write("a.txt", text(1))
+        self.write("damaged.zip", b"PK\3\4" + bytes(100))
+        for closed in ("<&-", ">&-", "2>&-", "<&- >&- 2>&-"):
+            with self.subTest(closed=closed):
+                shutil.rmtree(self.home, ignore_errors=True)
+                done = self.run_redirected(closed, "index", self.docs)
+                self.assertEqual(FAILED if " >" in f" {closed}" else NOT_INSPECTED,
+                                 done.returncode)  # fmt: skip
+                self.run_tool("verify", status=DONE)
+                self.assertEqual([(2, str(document))], self.matches(document))
+        done = self.run_redirected("<&-", "match", "-")
+        self.assertEqual(FAILED, done.returncode, done.stdout)
+        self.assertIn("cannot read -", done.stderr)
+
+    def test_messages_that_cannot_be_written_end_no_run(self):
+        document = self.write("a.txt", text(1))
+        self.write("Damaged.zip", b"PK\3\4" + bytes(100))
+        done = self.run_redirected("2>/dev/full", "index", "--progress", "json", self.docs)
+        self.assertEqual(NOT_INSPECTED, done.returncode)
+        self.assertEqual([(2, str(document))], self.matches(document))
 
     def test_manual_has_a_page_for_each_verb_with_every_option(self):
         self.assertEqual(

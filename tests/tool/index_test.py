@@ -20,6 +20,13 @@ class IndexTest(ToolTest):
         self.index(self.write("a.txt", text(1)))
         self.assertEqual(0o700, self.home.stat().st_mode & 0o777)
 
+    def test_home_that_others_may_enter_shows_them_nothing(self):
+        self.home.mkdir(mode=0o755)
+        self.write("a.txt", text(1))
+        self.index()
+        for file in self.home.rglob("*"):
+            self.assertEqual(0, file.stat().st_mode & 0o077, file)
+
     def test_home_itself_is_never_indexed(self):
         self.write("a.txt", text(1))
         self.index()

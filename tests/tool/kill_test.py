@@ -179,6 +179,12 @@ class KillTest(ToolTest):
         self.write("b.txt", text(2))
         self.kill_before_writing(arrivals=1)
         self.assertEqual([(2, str(document))], self.matches(document))
+        _, err = self.run_tool("match", document, status=MATCHED)
+        self.assertIn("note: a document is not settled in the index yet", err)
+        self.assertRegex(self.run_tool("verify", status=DONE)[0], "but for what is not settled\n$")
+        self.index()
+        _, err = self.run_tool("match", document, status=MATCHED)
+        self.assertEqual("", err)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 #include "catalogue.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -234,6 +235,10 @@ void Catalogue::open(const fs::path& file, Access access) {
   const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_FULLMUTEX | SQLITE_OPEN_URI | create;
   const bool frozen = access == Access::kRead && ::access(file.parent_path().c_str(), W_OK) != 0 &&
                       !fs::exists(file.string() + "-wal");
+  if (access == Access::kWrite) {  // the home may be one that others can enter
+    const int made = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (made >= 0) ::close(made);  // whatever is wrong SQLite tells
+  }
   const std::string uri = "file:" + escaped(file.string()) + (frozen ? "?immutable=1" : "");
   if (sqlite3_open_v2(uri.c_str(), &database_, flags, nullptr) != SQLITE_OK) fail();
   sqlite3_busy_timeout(database_, kBusyMilliseconds);
@@ -542,7 +547,28 @@ void Catalogue::settle() {
   execute("DELETE FROM lists WHERE id IN (SELECT id FROM documents WHERE state = 2)");
   execute("DELETE FROM documents WHERE state = 2");
   execute("UPDATE documents SET state = 0 WHERE state = 1");
+  execute("INSERT OR REPLACE INTO meta SELECT 'settled', value FROM meta WHERE key = 'begun'");
   transaction.commit();
+}
+
+Catalogue::Generations Catalogue::generations() const {
+  Statement select(*this,
+                   "SELECT coalesce(max(CASE key WHEN 'begun' THEN CAST(value AS INTEGER) END), 0),"
+                   " coalesce(max(CASE key WHEN 'settled' THEN CAST(value AS INTEGER) END), 0) "
+                   "FROM meta");
+  select.step();
+  Generations generations;
+  generations.begun = select.number();
+  generations.settled = select.number();
+  return generations;
+}
+
+int64_t Catalogue::beginGeneration() {
+  const int64_t begun = generations().settled + 1;
+  Statement(*this, "INSERT OR REPLACE INTO meta VALUES ('begun', ?)")
+      .text(fmt::to_string(begun))
+      .step();
+  return begun;
 }
 
 int64_t Catalogue::lastId() const {

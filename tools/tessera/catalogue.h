@@ -166,6 +166,15 @@ class Catalogue {
   };
   std::vector<Unsettled> unsettled() const;
 
+  // The generations of the index are counted: one begins before the index is changed and
+  // ends when it is settled.
+  struct Generations {
+    int64_t begun = 0;  // the last one; settled + 1 while it is under way or was cut off
+    int64_t settled = 0;
+  };
+  Generations generations() const;
+  int64_t beginGeneration();
+
   // The index holds what was announced.
   void settle();
 

@@ -34,6 +34,7 @@ void exportCatalogue(const Catalogue& catalogue, Format format) {
 }
 
 void exportTables(const std::filesystem::path& home, Format format) {
+  requireIndex(home);
   const DirectoryLock tables(home / kIndexName, DirectoryLock::Kind::kShared);
   if (format == Format::kCsv) fmt::print("signature,id\r\n");
   eachPosting(home / kIndexName, [&](const Signature& signature, int64_t id) {

@@ -16,6 +16,9 @@ class Failure : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-inline void complain(const std::string& message) { fmt::print(stderr, "tessera: {}\n", message); }
+// Nobody can be told that this cannot be written; the work goes on.
+inline void complain(const std::string& message) {
+  std::fputs(fmt::format("tessera: {}\n", message).c_str(), stderr);
+}
 
 }  // namespace tool

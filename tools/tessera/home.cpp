@@ -38,7 +38,8 @@ fs::path homePath(const std::string& option) {
   std::error_code error;
   const fs::path resolved = fs::weakly_canonical(fs::absolute(home), error);
   if (error) {
-    throw Failure(fmt::format("cannot use {} as home: {}", home.string(), error.message()));
+    throw Failure(
+        fmt::format("cannot use {} as home: {}", shownName(home.native()), error.message()));
   }
   return resolved.has_filename() ? resolved : resolved.parent_path();  // without a last "/"
 }
@@ -48,11 +49,21 @@ bool hasIndex(const fs::path& home) {
   return fs::exists(home / kIndexName / "meta_data.bin", ignored);
 }
 
+bool hasTrees(const fs::path& home) {
+  std::error_code error;
+  for (fs::directory_iterator entry(home / kIndexName, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (entry->path().extension() == ".blk") return true;
+  }
+  return false;
+}
+
 void enterHome(const fs::path& home) {
   std::error_code error;
   fs::current_path(home, error);
   if (error) {
-    throw Failure(fmt::format("cannot enter the home {}: {}", home.string(), error.message()));
+    throw Failure(
+        fmt::format("cannot enter the home {}: {}", shownName(home.native()), error.message()));
   }
 }
 
@@ -61,14 +72,19 @@ void createHome(const fs::path& home) {
   const bool created = fs::create_directories(home, error);
   if (created) fs::permissions(home, fs::perms::owner_all, error);
   if (error) {
-    throw Failure(fmt::format("cannot create the home {}: {}", home.string(), error.message()));
+    throw Failure(
+        fmt::format("cannot create the home {}: {}", shownName(home.native()), error.message()));
   }
 }
 
 ScratchHome::ScratchHome(const fs::path& home) {
-  std::string name = (fs::temp_directory_path() / "tessera-XXXXXX").string();
-  if (!::mkdtemp(name.data())) {
-    throw Failure(fmt::format("cannot create the directory {}: {}", name, std::strerror(errno)));
+  std::error_code error;
+  const fs::path parent = fs::temp_directory_path(error);
+  std::string name = (parent / "tessera-XXXXXX").string();
+  if (error || !::mkdtemp(name.data())) {
+    throw Failure(fmt::format("cannot create a directory for temporary files in {}: {}",
+                              error ? "TMPDIR or /tmp" : shownName(parent.native()),
+                              error ? error.message() : std::strerror(errno)));
   }
   path_ = name;
   std::error_code ignored;  // no settings: the defaults hold
@@ -85,7 +101,8 @@ ScratchHome::~ScratchHome() {
 DirectoryLock::DirectoryLock(const fs::path& directory, Kind kind)
     : descriptor_(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
   if (descriptor_ < 0) {
-    throw Failure(fmt::format("cannot open {}: {}", directory.string(), std::strerror(errno)));
+    throw Failure(
+        fmt::format("cannot open {}: {}", shownName(directory.native()), std::strerror(errno)));
   }
   const int operation = kind == Kind::kShared      ? LOCK_SH
                         : kind == Kind::kExclusive ? LOCK_EX

@@ -22,6 +22,9 @@ std::filesystem::path homePath(const std::string& option);
 // Whether somebody has made an index there.
 bool hasIndex(const std::filesystem::path& home);
 
+// Whether there is anything of the trees that an index consists of.
+bool hasTrees(const std::filesystem::path& home);
+
 void enterHome(const std::filesystem::path& home);  // throws Failure
 
 // Makes the home if there is none, its parents too. Only its owner may look

@@ -101,7 +101,11 @@ SignatureList textSignatures(std::string_view text) {
   const auto collect = [](const tessera_window* window, void* context) {
     Signature signature;
     std::copy_n(window->signature, signature.size(), signature.begin());
-    static_cast<SignatureList*>(context)->push_back(signature);
+    try {
+      static_cast<SignatureList*>(context)->push_back(signature);
+    } catch (const std::bad_alloc&) {
+      return 1;  // through C code no exception may pass
+    }
     return 0;
   };
   if (tessera_scan_text(text.data(), text.size(), collect, &signatures) != TESSERA_SCAN_DONE) {

@@ -1,6 +1,8 @@
 // The tessera command: parses the command line, runs the verb, and turns errors into
 // messages and exit statuses. Tests: tests/tool/command_line_test.py.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <exception>
@@ -13,10 +15,23 @@
 #include "command_line.h"
 #include "failure.h"
 #include "home.h"
+#include "names.h"
 
 namespace tool {
 
 namespace {
+
+// Without this, a file of the index would get the number of a standard file that whoever
+// started the command has closed, and messages would go into it. What holds the number
+// here can be neither read nor written.
+bool occupyStandardFiles() {
+  int file = -1;
+  do {
+    file = ::open("/dev/null", O_PATH);
+  } while (file >= 0 && file <= STDERR_FILENO);
+  if (file >= 0) ::close(file);
+  return file >= 0;
+}
 
 std::string usageError(const CLI::App* app, const CLI::Error& error) {
   std::string message = error.what();
@@ -29,7 +44,7 @@ std::string usageError(const CLI::App* app, const CLI::Error& error) {
                            : fmt::format("there is no verb '{}'", rest.front());
   }
   return fmt::format("tessera: {}\n'tessera --help' and 'tessera VERB --help' tell more.\n",
-                     message);
+                     shownName(message));
 }
 
 int dispatch(const std::string& verb, const Options& options) {
@@ -70,6 +85,7 @@ int run(int argc, char** argv) {
 }  // namespace tool
 
 int main(int argc, char** argv) {
+  if (!tool::occupyStandardFiles()) return tool::kFailed;
   int status = tool::kFailed;
   try {
     status = tool::run(argc, argv);

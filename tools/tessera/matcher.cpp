@@ -8,6 +8,7 @@
 
 #include "failure.h"
 #include "input.h"
+#include "names.h"
 #include "store.h"
 
 namespace fs = std::filesystem;
@@ -26,7 +27,7 @@ SignatureList sharedSignatures(const SignatureList& a, const SignatureList& b) {
 std::unique_ptr<Catalogue> findCatalogue(const fs::path& home) {
   if (!hasIndex(home) || fs::exists(home / kCatalogueName)) return openCatalogue(home);
   complain(fmt::format("note: without the catalogue {}, documents have numbers only",
-                       (home / kCatalogueName).string()));
+                       shownName((home / kCatalogueName).native())));
   return nullptr;
 }
 
@@ -65,9 +66,21 @@ Matcher::Matcher(const fs::path& home, const Settings& settings)
     fingerprinter_.emplace(Selection::kFull);
   }
   enterHome(home);
+  requireIndex(home);
   tables_.emplace(kIndexName, DirectoryLock::Kind::kShared);
+  if (catalogue_) readCatalogue(home);
   session_.emplace();
-  if (catalogue_) common_ = catalogue_->commonSignatures();
+}
+
+void Matcher::readCatalogue(const fs::path& home) {
+  requireSameRun(home, *catalogue_);
+  common_ = catalogue_->commonSignatures();
+  if (const size_t waiting = catalogue_->unsettled().size()) {
+    complain(
+        fmt::format("note: {} not settled in the index yet: a run is at work, or was cut off, "
+                    "which the next 'tessera index' makes good",
+                    waiting == 1 ? "a document is" : fmt::format("{} documents are", waiting)));
+  }
 }
 
 InspectedFile Matcher::inspect(const FoundFile& file) {
@@ -112,23 +125,34 @@ void Matcher::search(const Part& part, Query* query) {
   query->signatures = signatures.size();
   query->common = all.size() - signatures.size();
   if (signatures.empty()) return;
-  for (const Match& match : session_->match(&signatures, part.content.size())) {
-    if (match.level < settings_.min_level) continue;
-    query->findings.push_back(finding(match, part, signatures));
+  std::vector<Match> matches = session_->match(&signatures, part.content.size());
+  std::erase_if(matches, [&](const Match& match) { return match.level < settings_.min_level; });
+  for (const Match& match : matches) query->findings.push_back(finding(match));
+  if (settings_.explain && part.form == Form::kText && !matches.empty()) {
+    explain(part.content, signatures, query);
   }
 }
 
-Finding Matcher::finding(const Match& match, const Part& part, const SignatureList& signatures) {
+Finding Matcher::finding(const Match& match) {
   Finding finding = {.match = match, .document = std::nullopt, .passages = {}};
-  const bool explain = settings_.explain && part.form == Form::kText;
-  SignatureList held;
   if (catalogue_) {
     const std::lock_guard lock(catalogue_mutex_);
     finding.document = catalogue_->document(match.file_id);
-    if (explain) held = catalogue_->signatures(match.file_id);
   }
-  if (explain) finding.passages = findPassages(part.content, sharedSignatures(signatures, held));
   return finding;
+}
+
+void Matcher::explain(std::string_view text, const SignatureList& signatures, Query* query) {
+  if (!catalogue_) return;
+  const std::vector<Window> windows = findWindows(text);
+  for (Finding& finding : query->findings) {
+    SignatureList held;
+    {
+      const std::lock_guard lock(catalogue_mutex_);
+      held = catalogue_->signatures(finding.match.file_id);
+    }
+    finding.passages = findPassages(text, windows, sharedSignatures(signatures, held));
+  }
 }
 
 }  // namespace tool

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "catalogue.h"
@@ -77,9 +78,11 @@ class Matcher {
   InspectedFile inspect(const FoundFile& file);
 
  private:
+  void readCatalogue(const std::filesystem::path& home);
   void inspectOpened(int descriptor, InspectedFile* inspected);
   void search(const Part& part, Query* query);
-  Finding finding(const Match& match, const Part& part, const SignatureList& signatures);
+  Finding finding(const Match& match);
+  void explain(std::string_view text, const SignatureList& signatures, Query* query);
 
   const Settings settings_;
   std::unique_ptr<Catalogue> catalogue_;  // may be null

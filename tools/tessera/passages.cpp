@@ -21,28 +21,29 @@ struct Range {
   uint64_t length() const { return end - begin; }
 };
 
-struct Collector {
-  const SignatureList* shared;
+// What is shared of the windows, in the order of the text.
+std::vector<Range> sharedRanges(const std::vector<Window>& windows, const SignatureList& shared) {
   std::vector<Range> ranges;
   bool running = false;  // the last window was shared
-};
+  for (const Window& window : windows) {
+    const bool before = running;
+    running = std::binary_search(shared.begin(), shared.end(), window.signature);
+    if (!running) continue;
+    const bool overlaps = !ranges.empty() && window.begin <= ranges.back().end;
+    if (overlaps || (before && window.begin - ranges.back().end < kLongGap)) {
+      ranges.back().end = std::max(ranges.back().end, window.end);
+    } else {
+      ranges.push_back({window.begin, window.end});
+    }
+  }
+  return ranges;
+}
 
 int collect(const tessera_window* window, void* context) {
-  Collector& collector = *static_cast<Collector*>(context);
-  Signature signature;
-  std::copy_n(window->signature, signature.size(), signature.begin());
-  const bool running = collector.running;
-  collector.running =
-      std::binary_search(collector.shared->begin(), collector.shared->end(), signature);
-  if (!collector.running) return 0;
-  std::vector<Range>& ranges = collector.ranges;
-  const bool overlaps = !ranges.empty() && window->begin <= ranges.back().end;
-  if (overlaps || (running && window->begin - ranges.back().end < kLongGap)) {
-    ranges.back().end = std::max(ranges.back().end, window->end);
-    return 0;
-  }
+  Window found = {window->begin, window->end, {}};
+  std::copy_n(window->signature, found.signature.size(), found.signature.begin());
   try {
-    ranges.push_back({window->begin, window->end});
+    static_cast<std::vector<Window>*>(context)->push_back(found);
   } catch (const std::bad_alloc&) {
     return 1;  // through C code no exception may pass
   }
@@ -82,12 +83,16 @@ Passage excerpt(std::string_view text, const Range& range) {
 
 }  // namespace
 
-Passages findPassages(std::string_view text, const SignatureList& shared) {
-  Collector collector = {.shared = &shared, .ranges = {}};
-  const int outcome = tessera_scan_text(text.data(), text.size(), collect, &collector);
+std::vector<Window> findWindows(std::string_view text) {
+  std::vector<Window> windows;
+  const int outcome = tessera_scan_text(text.data(), text.size(), collect, &windows);
   if (outcome != TESSERA_SCAN_DONE) throw std::bad_alloc();
+  return windows;
+}
 
-  std::vector<Range>& ranges = collector.ranges;
+Passages findPassages(std::string_view text, const std::vector<Window>& windows,
+                      const SignatureList& shared) {
+  std::vector<Range> ranges = sharedRanges(windows, shared);
   Passages passages;
   passages.count = ranges.size();
   for (const Range& range : ranges) passages.bytes += range.length();

@@ -26,9 +26,19 @@ struct Passages {
   uint64_t bytes = 0;          // in all
 };
 
-// The passages of a canonical text whose signatures are `shared`. Selected windows that
-// are shared and follow each other closely are one passage; one that is not shared
-// between them, or a long gap, ends it.
-Passages findPassages(std::string_view text, const SignatureList& shared);
+// A selected window of a text.
+struct Window {
+  uint64_t begin;
+  uint64_t end;
+  Signature signature;
+};
+
+std::vector<Window> findWindows(std::string_view text);
+
+// The passages of a canonical text, of these windows, whose signatures are `shared`.
+// Windows that are shared and follow each other closely are one passage; one that is not
+// shared between them, or a long gap, ends it.
+Passages findPassages(std::string_view text, const std::vector<Window>& windows,
+                      const SignatureList& shared);
 
 }  // namespace tool

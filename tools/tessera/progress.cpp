@@ -38,6 +38,9 @@ std::string clockTime(double seconds) {
   return fmt::format("{}:{:02}:{:02}", minutes / 60, minutes % 60, whole % 60);
 }
 
+// Progress that cannot be shown holds up no work.
+void show(const std::string& text) { std::fputs(text.c_str(), stderr); }
+
 }  // namespace
 
 Progress::Progress(ProgressStyle style)
@@ -90,7 +93,7 @@ void Progress::print(size_t done, size_t total) {
     line["per_second"] = std::round(per_second * 10) / 10;
     line["seconds_left"] = static_cast<uint64_t>(left);
   }
-  fmt::print(stderr, "{}\n", line.dump());
+  show(line.dump() + "\n");
 }
 
 // "Indexing [######........]  43 %  258 of 600  35 a second  0:09 left", as wide as the
@@ -115,12 +118,12 @@ void Progress::printBar(size_t done, size_t total, double per_second, double lef
     }
     line += figures;
   }
-  fmt::print(stderr, "\r{}\033[K", std::string_view(line).substr(0, width));
+  show(fmt::format("\r{}\033[K", std::string_view(line).substr(0, width)));
   shown_ = true;
 }
 
 void Progress::wipe() {
-  if (shown_) fmt::print(stderr, "\r\033[K");
+  if (shown_) show("\r\033[K");
   shown_ = false;
 }
 

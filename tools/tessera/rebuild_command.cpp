@@ -14,7 +14,8 @@ namespace tool {
 
 namespace {
 
-void rebuildTables() {
+void rebuildTables(const std::filesystem::path& home) {
+  requireIndex(home);
   const DirectoryLock tables(kIndexName, DirectoryLock::Kind::kExclusive);
   switch (tessera_rebuild_tables()) {
     case TESSERA_STORE_OK:
@@ -33,12 +34,13 @@ void rebuildTables() {
 }  // namespace
 
 int rebuildCommand(const CommonOptions& common, const RebuildOptions& options) {
-  Store store(common.home, Store::Missing::kRefuse);
+  Store store(common.home, Store::Missing::kRefuse,
+              options.from_catalogue ? Store::Index::kReplaced : Store::Index::kKept);
   if (options.from_catalogue) {
     store.rebuild();
     fmt::print("the index was made anew\n");
   } else {
-    rebuildTables();
+    rebuildTables(common.home);
     fmt::print("the search tables were made anew\n");
   }
   return kDone;

@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <system_error>
 
 #include "names.h"
@@ -18,12 +21,48 @@ namespace {
 
 constexpr char kRebuildName[] = "rebuild";  // in the home, while the index is made anew
 
+// In the directory of an index: its generation, as the catalogue counts them.
+constexpr char kGenerationName[] = "generation";
+
 Failure noIndex(const fs::path& home) {
   return Failure(
       fmt::format("there is no index in {}\n"
                   "Make one with 'tessera index PATH...', or name another home with "
                   "--home DIR or TESSERA_HOME.",
                   shownName(home.native())));
+}
+
+void sync(const fs::path& directory) {
+  const int descriptor = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return;
+  ::fsync(descriptor);
+  ::close(descriptor);
+}
+
+int64_t generationOf(const fs::path& index) {
+  int64_t generation = 0;
+  std::ifstream(index / kGenerationName) >> generation;
+  return generation;
+}
+
+// Lasting on return: should the power fail, the index is never ahead of the number.
+void writeGeneration(const fs::path& index, int64_t generation) {
+  const fs::path file = index / kGenerationName;
+  const fs::path fresh = file.native() + ".new";
+  const std::string line = fmt::format("{}\n", generation);
+  const bool made = ::mkdir(index.c_str(), 0700) == 0 || errno == EEXIST;
+  const int descriptor =
+      made ? ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600) : -1;
+  bool written = descriptor >= 0 &&
+                 ::write(descriptor, line.data(), line.size()) == std::ssize(line) &&
+                 ::fsync(descriptor) == 0;
+  if (descriptor >= 0) ::close(descriptor);
+  written = written && ::rename(fresh.c_str(), file.c_str()) == 0;
+  if (!written) {
+    throw Failure(fmt::format("cannot write {}: {}", shownName(fs::absolute(file).native()),
+                              std::strerror(errno)));
+  }
+  sync(index);
 }
 
 // Puts `fresh` in the place of `old`, and `old` aside into the place of `fresh`. A file
@@ -46,6 +85,31 @@ std::unique_ptr<Catalogue> openCatalogue(const fs::path& home) {
   return std::make_unique<Catalogue>(home / kCatalogueName, Catalogue::Access::kRead);
 }
 
+void requireIndex(const fs::path& home) {
+  if (fs::is_directory(home / kIndexName)) return;
+  throw Failure(
+      fmt::format("the index {} is missing\n"
+                  "'tessera rebuild --from-catalogue' makes it anew.",
+                  shownName((home / kIndexName).native())));
+}
+
+bool areOfSameRun(const fs::path& home, const Catalogue& catalogue) {
+  // In this order: who begins a generation tells the catalogue first.
+  const int64_t generation = generationOf(home / kIndexName);
+  const auto [begun, settled] = catalogue.generations();
+  return generation == begun || generation == settled;
+}
+
+void requireSameRun(const fs::path& home, const Catalogue& catalogue) {
+  if (areOfSameRun(home, catalogue)) return;
+  throw Failure(
+      fmt::format("the index {} and its catalogue are not of the same run: has one of them come "
+                  "back from a backup?\n"
+                  "'tessera rebuild --from-catalogue' makes an index of what the catalogue knows; "
+                  "then index the documents again.",
+                  shownName((home / kIndexName).native())));
+}
+
 std::vector<std::string> cataloguedPaths(const std::vector<std::string>& paths) {
   std::vector<std::string> catalogued;
   for (const std::string& path : paths) {
@@ -58,15 +122,15 @@ std::vector<std::string> cataloguedPaths(const std::vector<std::string>& paths) 
   return catalogued;
 }
 
-Store::Store(const fs::path& home, Missing missing) : home_(home) {
+Store::Store(const fs::path& home, Missing missing, Index index) : home_(home) {
   const bool has_catalogue = fs::exists(home / kCatalogueName);
   if (!has_catalogue && missing == Missing::kRefuse) throw noIndex(home);
   createHome(home);
   enterHome(home);
   lock_.emplace(home, DirectoryLock::Kind::kExclusiveOrNothing);
   if (!lock_->held()) throw IndexInUse(home);
-  index_was_there_ = hasIndex(home);
-  if (index_was_there_ && !has_catalogue) {
+  index_was_there_ = hasIndex(home) && hasTrees(home);
+  if (hasIndex(home) && !has_catalogue) {
     // Its file IDs belong to documents that nobody knows any more; to hand the
     // same IDs out again would give those documents wrong names.
     throw Failure(fmt::format(
@@ -79,13 +143,17 @@ Store::Store(const fs::path& home, Missing missing) : home_(home) {
   if (!fs::exists(kConfigName)) {
     const Generator writes_the_default_configuration(Selection::kFull);
   }
+  if (index_was_there_ && index == Index::kKept) requireSameRun(home, *catalogue_);
   if (!index_was_there_) catalogue_->announceAll();
   common_ = catalogue_->commonSignatures();
   left_behind_ = catalogue_->unsettled().size();
 }
 
 IndexSession& Store::index() {
-  if (!index_) index_ = std::make_unique<IndexSession>();
+  if (!index_) {
+    writeGeneration(kIndexName, catalogue_->beginGeneration());
+    index_ = std::make_unique<IndexSession>();
+  }
   return *index_;
 }
 
@@ -128,6 +196,7 @@ void Store::rebuild() {
   fs::create_directory(kRebuildName);
   fs::copy_file(kConfigName, fs::path(kRebuildName) / kConfigName);
   enterHome(home_ / kRebuildName);
+  writeGeneration(kIndexName, catalogue_->beginGeneration());
   IndexSession fresh;
   catalogue_->eachList([&](int64_t id, const SignatureList& list) {
     SignatureList rest = without(list, common_);
@@ -139,6 +208,7 @@ void Store::rebuild() {
     std::optional<DirectoryLock> tables;
     if (fs::exists(kIndexName)) tables.emplace(kIndexName, DirectoryLock::Kind::kExclusive);
     exchange(fs::path(kRebuildName) / kIndexName, kIndexName);
+    sync(home_);
   }
   catalogue_->settle();
   fs::remove_all(kRebuildName);

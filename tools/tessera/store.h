@@ -23,6 +23,15 @@ namespace tool {
 // For reading. Throws Failure when there is no index.
 std::unique_ptr<Catalogue> openCatalogue(const std::filesystem::path& home);
 
+// Throws Failure when there is no directory of that name at all.
+void requireIndex(const std::filesystem::path& home);
+
+// An index is of the same run as its catalogue unless one of the two came back from a
+// backup: then it has documents that the other does not know, or lacks some, or they use
+// the same file IDs for different ones.
+bool areOfSameRun(const std::filesystem::path& home, const Catalogue& catalogue);
+void requireSameRun(const std::filesystem::path& home, const Catalogue& catalogue);
+
 // Paths as the catalogue has them: absolute, links resolved as far as there is a file.
 std::vector<std::string> cataloguedPaths(const std::vector<std::string>& paths);
 
@@ -34,8 +43,13 @@ class Store {
     kRefuse,  // without an index there is nothing to change
   };
 
+  enum class Index {
+    kKept,
+    kReplaced,  // whatever is wrong with it
+  };
+
   // Throws IndexInUse, or Failure when nobody could be at work.
-  Store(const std::filesystem::path& home, Missing missing);
+  Store(const std::filesystem::path& home, Missing missing, Index index = Index::kKept);
 
   Catalogue& catalogue() { return *catalogue_; }
 

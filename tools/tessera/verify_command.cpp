@@ -103,13 +103,19 @@ int verifyCommand(const CommonOptions& common, const VerifyOptions& options) {
   verifyCatalogue(*catalogue, &findings);
   verifyIndex(&findings);
   if (!findings.damaged()) compare(*catalogue, common.home, &findings);
+  if (!areOfSameRun(common.home, *catalogue)) {
+    findings.add(TESSERA_FINDING_ERROR, "the catalogue", "is not of the same run as the index");
+  }
   if (findings.damaged()) {
     complain(
         "the index is damaged: 'tessera rebuild' makes its search tables anew, "
         "'tessera rebuild --from-catalogue' all of it");
     return kFailed;
   }
-  if (!options.json) fmt::print("the index is whole and agrees with its catalogue\n");
+  if (!options.json) {
+    fmt::print("the index is whole and agrees with its catalogue{}\n",
+               catalogue->unsettled().empty() ? "" : " but for what is not settled");
+  }
   return kDone;
 }
 
