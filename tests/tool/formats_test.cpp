@@ -84,7 +84,7 @@ Recorded parsed(Parser parser, const std::string& content, Recorded document = {
 std::string words(const std::string& text) {
   std::string words;
   for (const char c : text) {
-    const bool is_blank = c == ' ' || c == '\t' || c == '\n' || c == '\r';
+    const bool is_blank = " \t\r\n\f"sv.find(c) != std::string_view::npos;
     if (!is_blank) {
       words += c;
     } else if (!words.empty() && words.back() != ' ') {
@@ -302,6 +302,19 @@ std::string alternatives(const std::string& plain, const std::string& html) {
   return "Subject: s\nMIME-Version: 1.0\nContent-Type: multipart/alternative; boundary=b\n\n"
          "--b\nContent-Type: text/plain\n\n" +
          plain + "\n--b\nContent-Type: text/html\n\n" + html + "\n--b--\n";
+}
+
+TEST(MailFormat, GroupsOfAddressesInsideEachOtherAreHarmless) {
+  const std::string groups =
+      repeated("a:", 60) + "\n" + repeated("\t" + repeated("a:", 60) + "\n", 2000);
+  const auto mail = parsed(parseMail, "Subject: s:" + repeated("a:", 2000) + "\nFrom: " + groups +
+                                          "reply-to : " + groups + "\nbody\n");
+  EXPECT_EQ("s:" + repeated("a:", 2000) + " body", words(mail.said));
+  const auto inner =
+      parsed(parseMail, "Subject: s\nContent-Type: message/rfc822\n\nSubject: t\nCC:" + groups +
+                            "\nTo: b: c;\nbody\n");
+  ASSERT_EQ(1u, inner.members.size());
+  EXPECT_EQ(0u, inner.members[0].content.find("Subject: t\nCC:a"));
 }
 
 TEST(MailFormat, AlternativesThatSayTheSameAreOne) {

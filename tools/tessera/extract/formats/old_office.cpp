@@ -25,10 +25,9 @@ bool isEncryptedWord(const OleFile& file) {
   return (littleEndian(head, 10, 2) & 0x0100) != 0;
 }
 
-// What the bytes of a document are when they are not UTF-16. catdoc has to be told: its
-// default depends on a file in /etc, which the sandbox does not have. Since Word 97 that is
-// always Western; before, it follows from the language, of which the Cyrillic ones are
-// told apart.
+// What the bytes of a document are when they are not UTF-16: since Word 97 always Western;
+// before, it follows from the language. catdoc has to be told: its default depends on a
+// file in /etc, which the sandbox does not have.
 std::string wordCharset(const OleFile& file) {
   constexpr uint32_t kWord97 = 193;
   const std::string head = file.stream("WordDocument", 12).value_or("");
