@@ -69,6 +69,7 @@ bool isEncryptedPowerPoint(const OleFile& file) {
 void runOn(std::string_view content, const std::vector<std::string>& command, Document& document) {
   const HelperResult result = runHelper(command, content, document);
   document.text(result.output);
+  if (ranOutOfMemory(result)) throw NotInspected(Reason::kMemoryLimit, command.at(0));
   // These programs are silent about most of what they cannot read.
   if (result.exit_status != 0 || !hasWords(result.output)) {
     throw NotInspected(Reason::kDamaged, command.at(0) + " finds no text in it");
