@@ -110,6 +110,27 @@ TEST(Extraction, WhatIsNoTextIsBytes) {
   EXPECT_EQ(Reason::kNone, parts.at("").reason);
 }
 
+// It holds pictures, or its chains lead nowhere.
+TEST(Extraction, AnOfficeDocumentWithoutTextIsNotInspected) {
+  const std::string docx =
+      zip({{"[Content_Types].xml", "<Types/>"},
+           {"word/media/image1.png", "\x89PNG\r\n\x1a\n" + noise(5000)},
+           {"word/document.xml", "<document><body/></document>"},
+           {"_rels/.rels",
+            "<Relationships><Relationship Id='1' Target='word/document.xml' Type='http://"
+            "schemas.openxmlformats.org/officeDocument/2006/relationships/officeDocument'/>"
+            "</Relationships>"}});
+  const Part document = open(docx).at("");
+  EXPECT_EQ(Form::kBinary, document.form);
+  EXPECT_EQ(Reason::kUnsupported, document.reason) << document.detail;
+  EXPECT_EQ("no text in it", document.detail);
+  EXPECT_EQ(Reason::kNone,
+            open("Subject:\nFrom: a\nTo: b\nX: " + std::string(5000, 'x')).at("").reason);
+  EXPECT_EQ(Reason::kNone, open("{\\rtf1}").at("").reason);
+  EXPECT_EQ(Reason::kUnsupported,
+            open("{\\rtf1{\\*\\data " + std::string(5000, 'x') + "}}").at("").reason);
+}
+
 TEST(Extraction, APictureIsNeverText) {
   const Parts parts = open("GIF89a, said the text");
   EXPECT_EQ("image/gif", parts.at("").type);
