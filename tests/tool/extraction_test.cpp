@@ -432,4 +432,25 @@ TEST(MemberName, FarTooLongIsCut) {
   EXPECT_EQ(std::string(1024, 'a') + "...", memberName(std::string(5000, 'a')));
 }
 
+// libbz2 overwrites its stack when it is asked for more after an error.
+TEST(Extraction, ABrokenCompressionIsNotAskedAgain) {
+  std::mt19937 random(1);
+  std::vector<archives::Entry> entries;
+  for (const char* const name : {"a", "b", "c"}) {
+    std::string lines;
+    for (int i = 0; i < 400; ++i) lines += std::to_string(random() % 400) + "\n";
+    entries.push_back({name, lines});
+  }
+  const std::string whole =
+      archives::make(ARCHIVE_FORMAT_7ZIP, ARCHIVE_FILTER_NONE, entries, "7zip:compression=bzip2");
+  ASSERT_EQ(4u, open(whole).parts.size());
+  for (int round = 0; round < 1500; ++round) {
+    std::string broken = whole;
+    const size_t start = 32 + random() % (whole.size() - 32);
+    const size_t end = std::min(start + random() % 512, whole.size());
+    for (size_t at = start; at < end; ++at) broken[at] = static_cast<char>(random());
+    open(broken);
+  }
+}
+
 }  // namespace
