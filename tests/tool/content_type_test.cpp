@@ -76,6 +76,15 @@ TEST(ContentType, MarkupIsToldByItsBeginning) {
   EXPECT_EQ("application/pdf", contentType("junk before\n%PDF-1.4\n"));
 }
 
+// Short data is stored as it is, and so are members of a tar.
+TEST(ContentType, ArchivesAreNoPdfForOneInside) {
+  const std::string pdf = "%PDF-1.4\n";
+  EXPECT_EQ("application/x-tar", contentType(archives::tar({{"a.pdf", pdf}})));
+  EXPECT_EQ("application/zstd", contentType(archives::compressed(pdf, ARCHIVE_FILTER_ZSTD)));
+  EXPECT_EQ("application/x-rar", contentType("Rar!\x1a\7\1\0"s + pdf));
+  EXPECT_EQ("application/pdf", contentType("\x89PNG\r\n\x1a\n" + pdf));
+}
+
 TEST(ContentType, TheRestIsToldByTheDatabase) {
   EXPECT_EQ("text/plain", contentType("just words\n"));
   EXPECT_EQ("application/gzip", contentType(archives::gzip("x")));

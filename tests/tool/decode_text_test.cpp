@@ -189,6 +189,24 @@ TEST(DecodeText, CharsetsAreGuessedFromAHundredBytesOrTwo) {
   }
 }
 
+TEST(DecodeText, QuotesAndApostrophesAreNoAccents) {
+  for (const char* const text :
+       {"The insurer’s surveyor accepted that by seven o’clock. “We built a spare,” said he.",
+        "It’s", "don’t won’t can’t", "a “spare” and a “flat” one", "the ‘first’ and the ‘second’",
+        "“quoted”", "“quoted,”\nhe said, “at length”",
+        "the companies’ licences – all 3 – cost €80"}) {
+    EXPECT_EQ(text, textOf(encoded(text, "windows-1252")));
+    EXPECT_EQ("windows-1252", encodingOf(encoded(text, "windows-1252")));
+  }
+  for (const char* const text :
+       {"El señor Martín volvió así a su país, según él, y allí murió.",
+        "Perché così è più facile.",
+        "The insurer’s surveyor accepted that. “We built a spare tyre,” said the engineer.",
+        "L’été dernier, le maître a dîné à l’île : « bientôt ! »"}) {
+    EXPECT_EQ(text, textOf(encoded(text, "macintosh")));
+  }
+}
+
 TEST(DecodeText, AGuessLooksWhereTheTextIsNotAscii) {
   const std::string english(200000, 'x');
   EXPECT_EQ("windows-1251", encodingOf(english + " " + encoded(kRussian, "windows-1251")));

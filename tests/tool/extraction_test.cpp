@@ -110,6 +110,27 @@ TEST(Extraction, WhatIsNoTextIsBytes) {
   EXPECT_EQ(Reason::kNone, parts.at("").reason);
 }
 
+// It holds pictures, or its chains lead nowhere.
+TEST(Extraction, AnOfficeDocumentWithoutTextIsNotInspected) {
+  const std::string docx =
+      zip({{"[Content_Types].xml", "<Types/>"},
+           {"word/media/image1.png", "\x89PNG\r\n\x1a\n" + noise(5000)},
+           {"word/document.xml", "<document><body/></document>"},
+           {"_rels/.rels",
+            "<Relationships><Relationship Id='1' Target='word/document.xml' Type='http://"
+            "schemas.openxmlformats.org/officeDocument/2006/relationships/officeDocument'/>"
+            "</Relationships>"}});
+  const Part document = open(docx).at("");
+  EXPECT_EQ(Form::kBinary, document.form);
+  EXPECT_EQ(Reason::kUnsupported, document.reason) << document.detail;
+  EXPECT_EQ("no text in it", document.detail);
+  EXPECT_EQ(Reason::kNone,
+            open("Subject:\nFrom: a\nTo: b\nX: " + std::string(5000, 'x')).at("").reason);
+  EXPECT_EQ(Reason::kNone, open("{\\rtf1}").at("").reason);
+  EXPECT_EQ(Reason::kUnsupported,
+            open("{\\rtf1{\\*\\data " + std::string(5000, 'x') + "}}").at("").reason);
+}
+
 TEST(Extraction, APictureIsNeverText) {
   const Parts parts = open("GIF89a, said the text");
   EXPECT_EQ("image/gif", parts.at("").type);
@@ -409,6 +430,27 @@ TEST(MemberName, WhatLeadsATerminalAstrayIsReplaced) {
 
 TEST(MemberName, FarTooLongIsCut) {
   EXPECT_EQ(std::string(1024, 'a') + "...", memberName(std::string(5000, 'a')));
+}
+
+// libbz2 overwrites its stack when it is asked for more after an error.
+TEST(Extraction, ABrokenCompressionIsNotAskedAgain) {
+  std::mt19937 random(1);
+  std::vector<archives::Entry> entries;
+  for (const char* const name : {"a", "b", "c"}) {
+    std::string lines;
+    for (int i = 0; i < 400; ++i) lines += std::to_string(random() % 400) + "\n";
+    entries.push_back({name, lines});
+  }
+  const std::string whole =
+      archives::make(ARCHIVE_FORMAT_7ZIP, ARCHIVE_FILTER_NONE, entries, "7zip:compression=bzip2");
+  ASSERT_EQ(4u, open(whole).parts.size());
+  for (int round = 0; round < 1500; ++round) {
+    std::string broken = whole;
+    const size_t start = 32 + random() % (whole.size() - 32);
+    const size_t end = std::min(start + random() % 512, whole.size());
+    for (size_t at = start; at < end; ++at) broken[at] = static_cast<char>(random());
+    open(broken);
+  }
 }
 
 }  // namespace

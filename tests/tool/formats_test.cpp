@@ -7,6 +7,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <utility>
@@ -27,6 +30,7 @@ namespace {
 
 using namespace tool;
 using namespace std::string_literals;
+using namespace std::string_view_literals;
 
 // Keeps what a parser says.
 class Recorded final : public Document {
@@ -80,7 +84,7 @@ Recorded parsed(Parser parser, const std::string& content, Recorded document = {
 std::string words(const std::string& text) {
   std::string words;
   for (const char c : text) {
-    const bool is_blank = c == ' ' || c == '\t' || c == '\n' || c == '\r';
+    const bool is_blank = " \t\r\n\f"sv.find(c) != std::string_view::npos;
     if (!is_blank) {
       words += c;
     } else if (!words.empty() && words.back() != ' ') {
@@ -298,6 +302,19 @@ std::string alternatives(const std::string& plain, const std::string& html) {
   return "Subject: s\nMIME-Version: 1.0\nContent-Type: multipart/alternative; boundary=b\n\n"
          "--b\nContent-Type: text/plain\n\n" +
          plain + "\n--b\nContent-Type: text/html\n\n" + html + "\n--b--\n";
+}
+
+TEST(MailFormat, GroupsOfAddressesInsideEachOtherAreHarmless) {
+  const std::string groups =
+      repeated("a:", 60) + "\n" + repeated("\t" + repeated("a:", 60) + "\n", 2000);
+  const auto mail = parsed(parseMail, "Subject: s:" + repeated("a:", 2000) + "\nFrom: " + groups +
+                                          "reply-to : " + groups + "\nbody\n");
+  EXPECT_EQ("s:" + repeated("a:", 2000) + " body", words(mail.said));
+  const auto inner =
+      parsed(parseMail, "Subject: s\nContent-Type: message/rfc822\n\nSubject: t\nCC:" + groups +
+                            "\nTo: b: c;\nbody\n");
+  ASSERT_EQ(1u, inner.members.size());
+  EXPECT_EQ(0u, inner.members[0].content.find("Subject: t\nCC:a"));
 }
 
 TEST(MailFormat, AlternativesThatSayTheSameAreOne) {
@@ -843,8 +860,13 @@ std::string compound(const Files& streams) {
   const size_t directory_sectors = streams.size() / 4 + 1;
   std::string bytes("\xd0\xcf\x11\xe0\xa1\xb1\x1a\xe1");
   bytes.resize(kSector * (2 + directory_sectors + kSectorsEach * streams.size()));
+  bytes[28] = '\xfe';
+  bytes[29] = '\xff';
   bytes[30] = 9;
+  bytes[32] = 6;
+  put(&bytes, 44, 1);           // sectors of the table
   put(&bytes, 48, 1);           // the directory
+  put(&bytes, 56, 4096);        // smaller streams are in the mini stream
   put(&bytes, 60, 0xfffffffe);  // no mini stream
   put(&bytes, 68, 0xfffffffe);
   for (size_t i = 0; i < 109; ++i) put(&bytes, 76 + 4 * i, i == 0 ? 0 : 0xffffffff);
@@ -860,6 +882,7 @@ std::string compound(const Files& streams) {
     const size_t at = 2 * kSector + 128 * index;
     for (size_t i = 0; i < name.size(); ++i) bytes[at + 2 * i] = name[i];
     bytes[at + 64] = static_cast<char>(2 * name.size() + 2);
+    bytes[at + 66] = index == 0 ? 5 : 2;  // the root, a stream
     put(&bytes, at + 68, 0xffffffff);
     put(&bytes, at + 72, right);
     put(&bytes, at + 76, child);
@@ -897,6 +920,97 @@ TEST(OldOfficeFormat, PasswordsAreTold) {
 TEST(OldOfficeFormat, WhatTheProgramsFindNothingInIsTold) {
   EXPECT_EQ(Reason::kDamaged, reasonOf(compound({{"WordDocument", ""}})));
   EXPECT_EQ(Reason::kDamaged, reasonOf(compound({{"Workbook", ""}})));
+}
+
+std::string excelRecord(uint32_t type, const std::string& content) {
+  std::string bytes(4, '\0');
+  bytes[0] = static_cast<char>(type);
+  bytes[1] = static_cast<char>(type >> 8);
+  bytes[2] = static_cast<char>(content.size());
+  return bytes + content;
+}
+
+// A sheet with one cell: a text of bytes in the code page of the file.
+std::string oldWorkbook(uint32_t code_page, const std::string& cell) {
+  const std::string begin = excelRecord(0x809, "\0\5\5\0\0\0\0\0"s);
+  const std::string sheet = excelRecord(0x809, "\0\5\x10\0\0\0\0\0"s);
+  std::string page(2, '\0');
+  page[0] = static_cast<char>(code_page);
+  page[1] = static_cast<char>(code_page >> 8);
+  const std::string label = "\0\0\0\0\0\0"s + static_cast<char>(cell.size()) + '\0' + cell;
+  const std::string end = excelRecord(0x0a, "");
+  return begin + excelRecord(0x42, page) + end + sheet + excelRecord(0x204, label) + end;
+}
+
+// A sheet with one cell: a text of units below 256 in the table of all texts.
+std::string newWorkbook(const std::string& cell) {
+  const std::string begin = excelRecord(0x809, "\0\6\5\0\0\0\0\0\0\0\0\0\0\0\0\0"s);
+  const std::string sheet = excelRecord(0x809, "\0\6\x10\0\0\0\0\0\0\0\0\0\0\0\0\0"s);
+  const std::string table = "\1\0\0\0\1\0\0\0"s + static_cast<char>(cell.size()) + "\0\0"s + cell;
+  const std::string end = excelRecord(0x0a, "");
+  return begin + excelRecord(0x42, "\xb0\4") + excelRecord(0xfc, table) + end + sheet +
+         excelRecord(0xfd, std::string(10, '\0')) + end;
+}
+
+// A document of one piece of bytes. Version 193 is Word 97, 104 is Word 95.
+std::string wordDocument(unsigned char version, uint32_t language, const std::string& text) {
+  std::string bytes(768, '\0');
+  bytes.replace(0, 2, "\xec\xa5");
+  bytes[2] = static_cast<char>(version);
+  bytes[6] = static_cast<char>(language);
+  bytes[7] = static_cast<char>(language >> 8);
+  if (version > 104) bytes[11] = 0x10;  // may be of wide characters
+  put(&bytes, 24, 768);
+  put(&bytes, 28, static_cast<uint32_t>(768 + text.size()));
+  return bytes + text + '\r';
+}
+
+// The programs have a configuration, which may say anything and cannot be seen from
+// inside of the sandbox.
+class OldOfficeCharset : public testing::Test {
+ protected:
+  OldOfficeCharset() {
+    std::ofstream(home_ + "/.catdocrc") << "source_charset=cp1253\n";
+    setenv("HOME", home_.c_str(), 1);
+  }
+  ~OldOfficeCharset() override {
+    std::filesystem::remove_all(home_);
+    unsetenv("HOME");
+  }
+  OldOfficeCharset(const OldOfficeCharset&) = delete;
+  OldOfficeCharset& operator=(const OldOfficeCharset&) = delete;
+
+  static std::string wordsOf(const char* stream, const std::string& content) {
+    return words(parsed(parseOldOffice, compound({{stream, content}})).said);
+  }
+
+ private:
+  static std::string newDirectory() {
+    std::string path = testing::TempDir() + "/old-office-XXXXXX";
+    EXPECT_NE(nullptr, mkdtemp(path.data()));
+    return path;
+  }
+  const std::string home_ = newDirectory();
+};
+
+TEST_F(OldOfficeCharset, OfWorkbooksIsLatin1OrTheirCodePage) {
+  EXPECT_EQ("Gr\u00fc\u00dfe", wordsOf("Workbook", newWorkbook("Gr\xfc\xdf"
+                                                               "e")));
+  EXPECT_EQ("Gr\u00fc\u00dfe", wordsOf("Book", oldWorkbook(1252,
+                                                           "Gr\xfc\xdf"
+                                                           "e")));
+  EXPECT_EQ("\u041c\u043e\u0441\u0442", wordsOf("Book", oldWorkbook(1251, "\xcc\xee\xf1\xf2")));
+}
+
+TEST_F(OldOfficeCharset, OfDocumentsIsWesternUnlessTheirLanguageIsNot) {
+  const std::string german =
+      "Gr\xfc\xdf"
+      "e";
+  const std::string russian = "\xcc\xee\xf1\xf2";
+  EXPECT_EQ("Gr\u00fc\u00dfe", wordsOf("WordDocument", wordDocument(193, 0x407, german)));
+  EXPECT_EQ("Gr\u00fc\u00dfe", wordsOf("WordDocument", wordDocument(193, 0x419, german)));
+  EXPECT_EQ("Gr\u00fc\u00dfe", wordsOf("WordDocument", wordDocument(104, 0x407, german)));
+  EXPECT_EQ("\u041c\u043e\u0441\u0442", wordsOf("WordDocument", wordDocument(104, 0x419, russian)));
 }
 
 TEST(OldOfficeFormat, AnUnknownKindIsTold) {

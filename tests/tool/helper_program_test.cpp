@@ -77,6 +77,18 @@ TEST(HelperProgram, MayComplainAtLength) {
   EXPECT_EQ(4096u, result.errors.size());
 }
 
+TEST(HelperProgram, ThatFindsNoMemoryIsToldFromOneThatFails) {
+  const auto lacksMemory = [](const std::string& script) {
+    return ranOutOfMemory(run({"sh", "-c", script}));
+  };
+  EXPECT_TRUE(lacksMemory("echo Out of memory >&2; kill -ABRT $$"));
+  EXPECT_TRUE(lacksMemory("echo \"what():  std::bad_alloc\" >&2; kill -ABRT $$"));
+  EXPECT_TRUE(lacksMemory("echo 'Out of memory!' >&2; exit 1"));
+  EXPECT_FALSE(lacksMemory("echo Bogus memory allocation size >&2; kill -ABRT $$"));
+  EXPECT_FALSE(lacksMemory("kill -ABRT $$"));
+  EXPECT_FALSE(lacksMemory("echo Out of memory >&2"));
+}
+
 TEST(HelperProgram, ThatIsMissingIsAVerdict) {
   EXPECT_EQ(Reason::kUnsupported, reasonOf([] { run({"no-such-program"}); }));
 }

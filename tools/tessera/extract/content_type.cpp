@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "extract/formats/parsers.h"
 #include "extract/formats/zip_directory.h"
 
 namespace tool {
@@ -43,11 +44,25 @@ magic_set* magicDatabase() {
   return database.get();
 }
 
+// Other names for the same.
+std::string usualName(std::string type) {
+  static constexpr std::pair<std::string_view, const char*> kNames[] = {
+      {"application/x-gzip", "application/gzip"},    {"application/x-zstd", "application/zstd"},
+      {"application/x-gtar", "application/x-tar"},   {"application/vnd.rar", "application/x-rar"},
+      {"application/x-bzip", "application/x-bzip2"}, {"application/xml", "text/xml"},
+      {"application/xhtml+xml", "text/html"},        {"text/rtf", "application/rtf"},
+  };
+  for (const auto& [other, usual] : kNames) {
+    if (type == other) return usual;
+  }
+  return type;
+}
+
 std::string magicType(std::string_view content) {
   constexpr size_t kLookedAt = 256 << 10;
   const char* type =
       magic_buffer(magicDatabase(), content.data(), std::min(content.size(), kLookedAt));
-  return type ? type : "application/octet-stream";
+  return usualName(type ? type : "application/octet-stream");
 }
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f'; }
@@ -212,8 +227,19 @@ bool startsTag(std::string_view text, std::string_view tag) {
   return text.empty() || isSpace(text.front()) || text.front() == '>' || text.front() == '/';
 }
 
+// Programs open a PDF also when something stands before it. In an archive, that may be
+// a member that begins so and is not compressed.
+std::optional<std::string> pdfType(std::string_view content) {
+  const size_t start = content.substr(0, 1024).find("%PDF-");
+  if (start == std::string_view::npos) return std::nullopt;
+  const Format* const other = start == 0 ? nullptr : formatOf(magicType(content));
+  const bool is_archive = other != nullptr && (other->kind == Format::Kind::kContainer ||
+                                               other->kind == Format::Kind::kUnsupported);
+  if (is_archive) return std::string(other->type);
+  return "application/pdf";
+}
+
 std::optional<std::string> markupType(std::string_view content) {
-  if (content.substr(0, 1024).find("%PDF-") != std::string_view::npos) return "application/pdf";
   const std::string beginning = plainBeginning(content);
   if (beginning.starts_with("{\\rtf")) return "application/rtf";
   const std::string_view element = firstElement(beginning);
@@ -226,29 +252,15 @@ std::optional<std::string> markupType(std::string_view content) {
   return std::nullopt;
 }
 
-// Other names for the same.
-std::string usualName(std::string type) {
-  static constexpr std::pair<std::string_view, const char*> kNames[] = {
-      {"application/x-gzip", "application/gzip"},    {"application/x-zstd", "application/zstd"},
-      {"application/x-gtar", "application/x-tar"},   {"application/vnd.rar", "application/x-rar"},
-      {"application/x-bzip", "application/x-bzip2"}, {"application/xml", "text/xml"},
-      {"application/xhtml+xml", "text/html"},        {"text/rtf", "application/rtf"},
-  };
-  for (const auto& [other, usual] : kNames) {
-    if (type == other) return usual;
-  }
-  return type;
-}
-
 }  // namespace
 
 void loadContentTypes() { magicDatabase(); }
 
 std::string contentType(std::string_view content) {
-  for (const auto rule : {zipType, compoundType, mailType, markupType}) {
+  for (const auto rule : {zipType, compoundType, mailType, pdfType, markupType}) {
     if (auto type = rule(content)) return *std::move(type);
   }
-  return usualName(magicType(content));
+  return magicType(content);
 }
 
 }  // namespace tool

@@ -37,6 +37,14 @@ std::string_view cutText(std::string_view text, uint64_t bytes) {
 
 bool isBlank(std::string_view text) { return text.find_first_not_of(" \t\r\n\f") == text.npos; }
 
+// A document of some size that has nothing to say holds pictures, or is broken in a way
+// that its parser does not see. Mails may have no words, and markup may be all marks.
+bool shouldHaveText(const Part& part, const Format& format) {
+  constexpr uint64_t kLargestEmpty = 4096;
+  return part.size > kLargestEmpty && format.kind == Format::Kind::kDocument &&
+         !part.type.starts_with("message/");
+}
+
 // Pictures and sounds are never taken for text, however few bytes they have.
 bool mayBeText(std::string_view type) {
   for (const auto kind : {"image/", "audio/", "video/", "font/"}) {
@@ -260,6 +268,10 @@ void Extraction::openDocument(const Opened& opened, const Format& format, Part p
     deliver(std::move(part));
   } else {
     // Without a word in it (a scanned page, an encrypted file) only its copy is like it.
+    if (part.reason == Reason::kNone && shouldHaveText(part, format)) {
+      part.reason = Reason::kUnsupported;
+      part.detail = "no text in it";
+    }
     deliverBytes(opened.content, std::move(part));
   }
   document.openMembers();

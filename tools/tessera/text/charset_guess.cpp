@@ -75,6 +75,13 @@ bool isTypographic(UChar c) {
          c == 0xA7 || c == 0xB0 || c == 0xA9;
 }
 
+// Where an apostrophe or a quote belongs: between letters, or where a word begins or
+// ends. There it is as ordinary as an accent.
+bool isQuoteInPlace(UChar c, bool after_letter, bool before_letter) {
+  if (c < 0x2018 || c > 0x201E) return false;
+  return after_letter != before_letter || (c == 0x2019 && after_letter);
+}
+
 // How well the high bytes of a text fit when they are read so.
 int64_t fitness(std::string_view text, const WesternReading& reading) {
   int64_t fit = 0;
@@ -85,12 +92,14 @@ int64_t fitness(std::string_view text, const WesternReading& reading) {
     const bool before_letter = i + 1 < text.size() && isAsciiLetter(text[i + 1]);
     if (isCapital(c) && i > 0 && isAsciiSmall(text[i - 1])) {
       fit -= 2;
+    } else if (isQuoteInPlace(c, after_letter, before_letter)) {
+      fit += 3;
     } else if (isFrequentLetter(c)) {
       fit += after_letter || before_letter ? 3 : 1;
     } else if (isWesternLetter(c)) {
       fit += after_letter || before_letter ? 1 : -1;
     } else if (isTypographic(c)) {
-      fit += after_letter && before_letter && c != 0x2019 ? -1 : 2;
+      fit += after_letter && before_letter ? -1 : 2;
     } else {
       fit -= after_letter && before_letter ? 4 : 2;
     }

@@ -57,6 +57,7 @@ ArchiveReader::ArchiveReader(std::string_view content, Kind kind)
 }
 
 bool ArchiveReader::next() {
+  if (broken_) fail(Reason::kDamaged);
   int result;
   do {
     result = archive_read_next_header(archive_.get(), &entry_);
@@ -98,7 +99,10 @@ std::string ArchiveReader::read(const Document& document) {
   while (true) {
     const la_ssize_t got = archive_read_data(archive_.get(), chunk.data(), chunk.size());
     if (got == ARCHIVE_RETRY) continue;
-    if (got < 0) fail(Reason::kDamaged);
+    if (got < 0) {
+      noteFailure(got);
+      fail(Reason::kDamaged);
+    }
     if (got == 0) return content;
     document.expectMember(content.size() + static_cast<size_t>(got), consumed());
     content.append(chunk.data(), static_cast<size_t>(got));
@@ -108,7 +112,10 @@ std::string ArchiveReader::read(const Document& document) {
 std::string ArchiveReader::readBeginning(size_t bytes) {
   std::string content(bytes, '\0');
   const la_ssize_t got = archive_read_data(archive_.get(), content.data(), bytes);
-  if (got < 0) fail(Reason::kDamaged);
+  if (got < 0) {
+    noteFailure(got);
+    fail(Reason::kDamaged);
+  }
   content.resize(static_cast<size_t>(got));
   return content;
 }
@@ -116,11 +123,14 @@ std::string ArchiveReader::readBeginning(size_t bytes) {
 void ArchiveReader::skip(const Document& document) {
   const int format = archive_format(archive_.get()) & ARCHIVE_FORMAT_BASE_MASK;
   if (format == ARCHIVE_FORMAT_ZIP) return;  // next() goes straight to the next entry
+  if (broken_) return;
   uint64_t expanded = 0;
   const void* block;
   size_t size;
   la_int64_t offset;
-  while (archive_read_data_block(archive_.get(), &block, &size, &offset) >= ARCHIVE_WARN) {
+  int result;
+  while ((result = archive_read_data_block(archive_.get(), &block, &size, &offset)) >=
+         ARCHIVE_WARN) {
     // The end of a sparse file lies anywhere: only what is there counts.
     if (size == 0) return;
     expanded += size;
@@ -129,6 +139,14 @@ void ArchiveReader::skip(const Document& document) {
     }
     document.checkTime();
   }
+  noteFailure(result);
+}
+
+// The entries of a 7z are compressed together, and libarchive would ask libbz2 for more
+// after an error, which overwrites its stack then. Warnings are wrong checksums.
+void ArchiveReader::noteFailure(la_ssize_t result) {
+  const int format = archive_format(archive_.get()) & ARCHIVE_FORMAT_BASE_MASK;
+  if (format == ARCHIVE_FORMAT_7ZIP && result < ARCHIVE_WARN) broken_ = true;
 }
 
 uint64_t ArchiveReader::consumed() const {

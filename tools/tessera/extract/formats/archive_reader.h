@@ -54,11 +54,13 @@ class ArchiveReader {
   };
 
   [[noreturn]] void fail(Reason reason) const;
+  void noteFailure(la_ssize_t result);
   uint64_t consumed() const;  // compressed bytes of this entry so far
 
   const std::unique_ptr<archive, Closer> archive_;
   archive_entry* entry_ = nullptr;
   uint64_t entry_start_ = 0;
+  bool broken_ = false;  // cannot be expanded any further
 };
 
 }  // namespace tool

@@ -7,9 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <iterator>
 #include <new>
 
 #include "extract/descriptor.h"
@@ -135,6 +137,17 @@ HelperResult runHelper(const std::vector<std::string>& command, std::string_view
     throw NotInspected(Reason::kTimeLimit, program);
   }
   return result;
+}
+
+bool ranOutOfMemory(const HelperResult& result) {
+  // As they and the C++ library say it. How they end tells nothing: abort() cannot send
+  // its signal from inside of the sandbox.
+  constexpr std::string_view kSaid[] = {"Out of memory", "std::bad_alloc", "Insufficient memory",
+                                        "Can't allocate memory"};
+  return result.exit_status != 0 &&
+         std::any_of(std::begin(kSaid), std::end(kSaid), [&](std::string_view said) {
+           return result.errors.find(said) != std::string::npos;
+         });
 }
 
 }  // namespace tool

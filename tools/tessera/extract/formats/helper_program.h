@@ -28,4 +28,7 @@ struct HelperResult {
 HelperResult runHelper(const std::vector<std::string>& command, std::string_view input,
                        const Document& document);
 
+// Whether it failed because it may not have more memory (limits().memory_bytes).
+bool ranOutOfMemory(const HelperResult& result);
+
 }  // namespace tool

@@ -25,11 +25,48 @@ struct Unref {
 template <typename Object>
 using Scoped = std::unique_ptr<Object, Unref>;
 
+bool isAddressField(std::string_view field) {
+  std::string name;
+  for (const char c : field) name += g_ascii_tolower(c);
+  name.resize(name.find_last_not_of(" \t") + 1);
+  if (name.starts_with("resent-")) name.erase(0, 7);
+  static const std::set<std::string> kNames = {"from", "sender", "reply-to", "to", "cc", "bcc"};
+  return kNames.contains(name);
+}
+
+// Where the field ends that begins at `start`, with the lines that it is folded into.
+size_t fieldEnd(std::string_view content, size_t start) {
+  size_t end = start;
+  do {
+    end = std::min(content.find('\n', end), content.size() - 1) + 1;
+  } while (end < content.size() && (content[end] == ' ' || content[end] == '\t'));
+  return end;
+}
+
+// GMime reads all addresses, which nothing here needs, and is recursive in groups
+// ("a:b:c;;") inside each other. Fields with more of them than anybody writes lose their
+// colons; those of the messages inside, too.
+std::string withoutDeepGroups(std::string content) {
+  constexpr std::ptrdiff_t kColons = 1000;
+  constexpr size_t kLongestName = 32;
+  for (size_t at = 0, next; at < content.size(); at = next) {
+    next = std::min(content.find('\n', at), content.size() - 1) + 1;
+    const std::string_view beginning(&content[at], std::min(next - at, kLongestName));
+    const size_t name = beginning.find(':');
+    if (name == std::string_view::npos || !isAddressField(beginning.substr(0, name))) continue;
+    char* const value = &content[at + name + 1];
+    char* const end = content.data() + fieldEnd(content, at);
+    if (std::count(value, end, ':') > kColons) std::replace(value, end, ':', ' ');
+  }
+  return content;
+}
+
 Scoped<GMimeParser> newParser(std::string_view content) {
   static const bool kStarted = (g_mime_init(), true);
   (void)kStarted;
+  const std::string harmless = withoutDeepGroups(std::string(content));
   const Scoped<GMimeStream> stream(
-      g_mime_stream_mem_new_with_buffer(content.data(), content.size()));
+      g_mime_stream_mem_new_with_buffer(harmless.data(), harmless.size()));
   return Scoped<GMimeParser>(g_mime_parser_new_with_stream(stream.get()));
 }
 

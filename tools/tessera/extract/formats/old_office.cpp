@@ -25,6 +25,27 @@ bool isEncryptedWord(const OleFile& file) {
   return (littleEndian(head, 10, 2) & 0x0100) != 0;
 }
 
+// What the bytes of a document are when they are not UTF-16: since Word 97 always Western;
+// before, it follows from the language. catdoc has to be told: its default depends on a
+// file in /etc, which the sandbox does not have.
+std::string wordCharset(const OleFile& file) {
+  constexpr uint32_t kWord97 = 193;
+  const std::string head = file.stream("WordDocument", 12).value_or("");
+  const uint32_t language = littleEndian(head, 6, 2) & 0x3ff;
+  const bool is_cyrillic = language == 0x02 || language == 0x19 || language == 0x22 ||
+                           language == 0x23;  // Bulgarian, Russian, Ukrainian, Belarusian
+  return littleEndian(head, 2, 2) < kWord97 && is_cyrillic ? "cp1251" : "cp1252";
+}
+
+// xls2csv heeds the code page that an old workbook ("Book") declares, unless it is told
+// another one. A new one has the lower bytes of UTF-16, which are Western.
+std::vector<std::string> excelCommand(std::string_view name) {
+  std::vector<std::string> command = {"xls2csv", "-d", "utf-8", "-q", "0", "-c", "\t"};
+  if (name == "Workbook") command.insert(command.end(), {"-s", "cp1252"});
+  command.emplace_back(kHelperInput);
+  return command;
+}
+
 // A workbook is records of a type, a length and that many bytes; one near the beginning
 // tells that those after it are encrypted.
 bool isEncryptedExcel(const OleFile& file, std::string_view name) {
@@ -48,6 +69,7 @@ bool isEncryptedPowerPoint(const OleFile& file) {
 void runOn(std::string_view content, const std::vector<std::string>& command, Document& document) {
   const HelperResult result = runHelper(command, content, document);
   document.text(result.output);
+  if (ranOutOfMemory(result)) throw NotInspected(Reason::kMemoryLimit, command.at(0));
   // These programs are silent about most of what they cannot read.
   if (result.exit_status != 0 || !hasWords(result.output)) {
     throw NotInspected(Reason::kDamaged, command.at(0) + " finds no text in it");
@@ -80,13 +102,13 @@ void parseOldOffice(std::string_view content, Document& document) {
   if (file.has("EncryptedPackage")) throw encrypted;
   if (file.has("WordDocument")) {
     if (isEncryptedWord(file)) throw encrypted;
-    runOn(content, {"catdoc", "-d", "utf-8", "-w"}, document);
+    runOn(content, {"catdoc", "-s", wordCharset(file), "-d", "utf-8", "-w"}, document);
     return;
   }
   for (const char* const name : {"Workbook", "Book"}) {
     if (!file.has(name)) continue;
     if (isEncryptedExcel(file, name)) throw encrypted;
-    runOn(content, {"xls2csv", "-d", "utf-8", "-q", "0", "-c", "\t", kHelperInput}, document);
+    runOn(content, excelCommand(name), document);
     return;
   }
   if (file.has("PowerPoint Document")) {

@@ -14,6 +14,7 @@ namespace {
   if (result.errors.find("Incorrect password") != std::string::npos) {
     throw NotInspected(Reason::kEncrypted, "");
   }
+  if (ranOutOfMemory(result)) throw NotInspected(Reason::kMemoryLimit, "pdftotext");
   throw NotInspected(Reason::kDamaged, "pdftotext cannot read it");
 }
 
