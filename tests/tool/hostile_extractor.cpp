@@ -114,6 +114,17 @@ const std::map<std::string, std::function<void()>>& deeds() {
       {"mount", [] { tell(mount("none", "/tmp", "tmpfs", 0, nullptr)); }},
       {"ptrace", [] { tell(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr)); }},
       {"kill", [] { tell(kill(getppid(), 0)); }},
+      // A descriptor may send any signal to whom it belongs to when something happens to it.
+      {"signal-by-descriptor", [] { tell(fcntl(kSocket, F_SETOWN, getppid())); }},
+      {"choose-signal", [] { tell(fcntl(kSocket, F_SETSIG, SIGKILL)); }},
+      {"outlive-parent", [] { tell(prctl(PR_SET_PDEATHSIG, 0)); }},
+      {"sibling",
+       [] {
+         const long child =
+             syscall(SYS_clone, CLONE_PARENT | SIGCHLD, nullptr, nullptr, nullptr, 0);
+         if (child == 0) _exit(0);
+         tell(child);
+       }},
       {"new-namespace", [] { tell(unshare(CLONE_NEWUSER)); }},
       {"bpf", [] { tell(syscall(SYS_bpf, 0, nullptr, 0)); }},
       {"keyctl", [] { tell(syscall(SYS_keyctl, 0, 0, 0, 0, 0)); }},
@@ -147,6 +158,14 @@ const std::map<std::string, std::function<void()>>& deeds() {
        [] {
          if (fork() == 0) hang();
          hang();
+       }},
+      {"die-but-for-a-child",
+       [] {
+         if (fork() == 0) {
+           for (int i = 0; i < 64; ++i) close(i);
+           hang();
+         }
+         _exit(9);
        }},
       {"die-before-answer", [] { _exit(7); }},
       {"segfault",

@@ -223,8 +223,14 @@ ExtractorProcess::Death ExtractorProcess::causeOfDeath() {
   constexpr milliseconds kDyingTime{2000};
   const Clock::time_point patience = Clock::now() + kDyingTime;
   while (process_ >= 0 && Clock::now() < patience) {
-    if (waitpid(process_, &status_, WNOHANG) == process_) process_ = -1;
-    if (process_ >= 0) poll(nullptr, 0, 5);
+    siginfo_t ended{};
+    waitid(P_PID, static_cast<id_t>(process_), &ended, WEXITED | WNOHANG | WNOWAIT);
+    // Not reaped yet, so that its number, by which what it has started is found, is its own.
+    if (ended.si_pid == process_) {
+      end(SIGKILL);
+    } else {
+      poll(nullptr, 0, 5);
+    }
   }
   if (process_ >= 0) return {Reason::kCrashed, "the extractor has hung up"};
   // What confines it turns a signal into an exit status, as shells do.
