@@ -24,6 +24,8 @@ TEST(ContentType, ZipsAreToldByTheirMembers) {
             contentType(zip({{"mimetype", "application/vnd.oasis.opendocument.text\n"}})));
   EXPECT_EQ("application/epub+zip", contentType(zip({{"mimetype", "application/epub+zip"}})));
   EXPECT_EQ("application/zip", contentType(zip({{"mimetype", "text/html"}})));
+  EXPECT_EQ("application/zip",
+            contentType(zip({{"mimetype", "application/vnd.oasis.opendocument.unheard-of"}})));
   EXPECT_EQ("application/zip", contentType(zip({{"word/document.xml", "x"}})));
 }
 

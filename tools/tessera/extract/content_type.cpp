@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "extract/formats/parsers.h"
 #include "extract/formats/zip_directory.h"
 
 namespace tool {
@@ -59,10 +60,10 @@ std::optional<std::string> zipType(std::string_view content) {
   }
   const ZipDirectory directory = zipDirectory(content);
   const std::string& declared = directory.mimetype;
-  if (declared.starts_with("application/vnd.oasis.opendocument.") ||
-      declared == "application/epub+zip") {
-    return declared;
-  }
+  const bool is_package = declared.starts_with("application/vnd.oasis.opendocument.") ||
+                          declared == "application/epub+zip";
+  // One that nothing here knows is opened as what it is.
+  if (is_package && formatOf(declared)) return declared;
   if (directory.has_content_types) {
     const std::string office = "application/vnd.openxmlformats-officedocument.";
     if (directory.top_directories.contains("word")) return office + "wordprocessingml.document";

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "extract/formats/zip_layout.h"
+
 namespace tool {
 
 namespace {
@@ -17,10 +19,17 @@ bool nextFile(ArchiveReader* reader) {
 
 ZipMembers::ZipMembers(std::string_view zip, Document& document) : zip_(zip), document_(document) {
   ArchiveReader reader(zip_, ArchiveReader::Kind::kZip);
-  while (nextFile(&reader)) {
+  while (reader.next()) {
+    if (reader.hidesContent()) {
+      document_.lostMember(reader.name(), Reason::kUnsupported, "no file, but with content");
+    }
+    if (!reader.regularFile()) continue;
     if (names_.size() >= document_.limits().members) throw NotInspected(Reason::kMemberLimit, "");
     document_.checkTime();
     names_.push_back(reader.name());
+  }
+  if (const auto layout = zipLayout(zip_)) {
+    for (const std::string_view bytes : layout->unlisted) document_.member("", bytes);
   }
 }
 
