@@ -317,6 +317,16 @@ TEST(MailFormat, TextAroundThePartsHidesNothing) {
             words(parsed(parseMail, kMultipart + "before\n--b\n\nwithin\n--b--\nafter\n"s).said));
 }
 
+TEST(MailFormat, AnOddHeaderHidesNothing) {
+  const std::string fields = "Subject: s\nMIME-Version : 1.0\nContent-Transfer-Encoding: base64\n";
+  const std::string body = "\nc2VjcmV0\n";
+  EXPECT_EQ("s secret", words(parsed(parseMail, fields + body).said));
+  EXPECT_EQ("s secret", words(parsed(parseMail, "\n" + fields + body).said));
+  EXPECT_EQ("s secret", words(parsed(parseMail, "\xef\xbb\xbf" + fields + body).said));
+  EXPECT_EQ("no field folded s secret",
+            words(parsed(parseMail, "From: a\nno field\n folded\n" + fields + body).said));
+}
+
 TEST(MailFormat, AttachmentsAreMembersWithTheirNames) {
   const auto mail = parsed(
       parseMail, kMultipart +
@@ -528,6 +538,23 @@ TEST(DocxFormat, EmbeddedObjectsAreMembersPicturesAreNot) {
   EXPECT_EQ("smuggled", document.members[2].content);
 }
 
+TEST(DocxFormat, ANameHidesNothing) {
+  const std::string secret = repeated("secret words ", 20);
+  const Recorded document = parsed(
+      parseOoxml, zip({{"_rels/.rels", relationships({{"officeDocument", "word/document.xml"}})},
+                       {"word/document.xml", "<document><t>x</t></document>"},
+                       {"word/media/a.png", secret},
+                       {"b.bin", "PK" + secret},
+                       {"c.rels", secret},
+                       {"d.png", "\x89PNG\r\n\x1a\n" + std::string(99, '\0') + "\xff\xfe\xfd"},
+                       {"e.rels", "<" + secret + ">"}}));
+  ASSERT_EQ(3u, document.members.size());
+  EXPECT_EQ("word/media/a.png", document.members[0].name);
+  EXPECT_EQ(secret, document.members[0].content);
+  EXPECT_EQ("b.bin", document.members[1].name);
+  EXPECT_EQ("c.rels", document.members[2].name);
+}
+
 TEST(DocxFormat, ADamagedPartCostsOnlyItself) {
   const auto document = parsed(
       parseOoxml,
@@ -705,6 +732,18 @@ TEST(OdfFormat, EmbeddedDocumentsAreTextOtherObjectsMembers) {
   EXPECT_EQ("Object 2", document.members[0].name);
 }
 
+TEST(OdfFormat, ANameHidesNothing) {
+  const std::string secret = repeated("secret words ", 20);
+  const Recorded document = parsed(parseOdf, zip({{"mimetype", "x"},
+                                                  {"content.xml", "<p>x</p>"},
+                                                  {"Pictures/a.png", secret},
+                                                  {"b.xml", secret},
+                                                  {"c.xml", "<" + secret + "/>"}}));
+  ASSERT_EQ(2u, document.members.size());
+  EXPECT_EQ("Pictures/a.png", document.members[0].name);
+  EXPECT_EQ("b.xml", document.members[1].name);
+}
+
 TEST(OdfFormat, APasswordIsTold) {
   EXPECT_EQ(Reason::kEncrypted,
             parsed(parseOdf, odt("", {{"META-INF/manifest.xml",
@@ -750,6 +789,18 @@ TEST(EpubFormat, AnEncryptedPageIsLost) {
   ASSERT_EQ(1u, document.members.size());
   EXPECT_EQ(Reason::kEncrypted, document.members[0].reason);
   EXPECT_EQ("The Title first unlisted", words(canonicalText(document.said)));
+}
+
+TEST(EpubFormat, WhatBelongsIntoNoBookIsAMember) {
+  const std::string secret = repeated("secret words ", 20);
+  const Recorded document = parsed(parseEpub, zip({{"mimetype", "application/epub+zip"},
+                                                   {"a.html", "<p>x"},
+                                                   {"b.txt", secret},
+                                                   {"c.css", "p { " + secret + "}"},
+                                                   {"d.docx", "PK" + secret}}));
+  ASSERT_EQ(2u, document.members.size());
+  EXPECT_EQ("b.txt", document.members[0].name);
+  EXPECT_EQ("d.docx", document.members[1].name);
 }
 
 TEST(EpubFormat, WithoutPagesItIsDamaged) {
