@@ -129,6 +129,11 @@ TEST(Extraction, KnownContainersThatNothingOpensAreNotInspected) {
   EXPECT_EQ(Reason::kUnsupported, parts.at("").reason);
 }
 
+TEST(Extraction, AnEncryptedMessageIsTold) {
+  const Parts parts = open("-----BEGIN PGP MESSAGE-----\n\nhQEMA7wZ\n-----END PGP MESSAGE-----\n");
+  EXPECT_EQ(Reason::kEncrypted, parts.at("").reason);
+}
+
 // --- archives ---
 
 TEST(Archive, EveryKindGivesItsMembersWithTheirNames) {

@@ -132,13 +132,26 @@ TEST(HtmlFormat, BlocksPartLinesAndInlineElementsPartNothing) {
 TEST(HtmlFormat, WhatIsNotShownAsTextIsLeftOut) {
   EXPECT_EQ("a\nb\n", parsed(parseHtml,
                              "<p>a</p><script>x</script><style>x</style>"
-                             "<noscript>x</noscript><template>x</template><!--x--><p>b")
+                             "<template>x</template><!--x--><p>b")
                           .said);
 }
 
 TEST(HtmlFormat, AltAndTitleComeAfterTheTextThatTheyStandIn) {
   EXPECT_EQ("one two\npicture\nhint\n",
             parsed(parseHtml, "<p>one <img alt='picture'><span title='hint'>two</span></p>").said);
+}
+
+TEST(HtmlFormat, WhatMailProgramsShowCounts) {
+  EXPECT_EQ("a\nb\n", parsed(parseHtml, "<p>a<noscript> b</noscript>").said);
+  EXPECT_EQ("a\nb c\n", parsed(parseHtml, "<p>a<!--[if mso]><b>b</b> c<![endif]-->").said);
+  EXPECT_EQ("a\nb\nc\n", parsed(parseHtml, "<p>a</p><input value=b><input placeholder=c>").said);
+  EXPECT_EQ(
+      "a\nb\nc\n",
+      parsed(parseHtml, "<p>a</p><iframe srcdoc='<b>b</b><iframe srcdoc=c></iframe>'></iframe>")
+          .said);
+  std::string nested = "x";
+  for (int i = 0; i < 6; ++i) nested = "<!--[if mso]>" + nested + "<![endif]--> <a>";
+  EXPECT_EQ(Reason::kDepthLimit, parsed(parseHtml, nested).reason);
 }
 
 TEST(HtmlFormat, EntitiesAreDecoded) {
