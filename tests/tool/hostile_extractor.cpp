@@ -133,6 +133,32 @@ const std::map<std::string, std::function<void()>>& deeds() {
          io_uring_params params{};
          tell(syscall(SYS_io_uring_setup, 1, &params));
        }},
+#ifdef __x86_64__
+      // The same calls by other numbers: they must not even be asked for.
+      {"x32-call",
+       [] {
+         const pid_t child = fork();
+         if (child == 0) _exit(syscall(0x40000000 | SYS_socket, AF_INET, SOCK_STREAM, 0) >= 0);
+         int status = 0;
+         waitpid(child, &status, 0);
+         say(WIFEXITED(status) && WEXITSTATUS(status) == 1 ? "allowed" : "refused");
+       }},
+      {"32-bit-call",
+       [] {
+         const pid_t child = fork();
+         if (child == 0) {
+           long result = 359;  // socket()
+           __asm__ volatile("int $0x80"
+                            : "+a"(result)
+                            : "b"(AF_INET), "c"(SOCK_STREAM), "d"(0)
+                            : "memory");
+           _exit(result >= 0);
+         }
+         int status = 0;
+         waitpid(child, &status, 0);
+         say(WIFEXITED(status) && WEXITSTATUS(status) == 1 ? "allowed" : "refused");
+       }},
+#endif
       {"new-session", [] { tell(setsid()); }},
       {"new-privileges", [] { say(prctl(PR_GET_NO_NEW_PRIVS) == 1 ? "allowed" : "refused"); }},
       {"be-root", [] { tell(setuid(0) == 0 && geteuid() == 0 ? 0 : -1); }},
@@ -221,6 +247,15 @@ const std::map<std::string, std::function<void()>>& deeds() {
       {"parts-for-ever",
        [] {
          while (true) say("again");
+       }},
+      {"large-parts",
+       [] {
+         Part part;
+         part.content = std::string(kMaximalPayload, 'x');
+         for (int i = 0; i < 100; ++i) {
+           sendFrame(kSocket, FrameType::kPart, encodePart(part));
+           sendFrame(kSocket, FrameType::kContent, part.content);
+         }
        }},
       {"half-a-frame",
        [] {

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "extract/descriptor.h"
+#include "extract/protocol.h"
 #include "failure.h"
 #include "temp_dir.h"
 
@@ -280,6 +281,13 @@ TEST_P(HostileExtractorTest, SystemCallsThatItDoesNotNeedAreRefused) {
   }
 }
 
+#ifdef __x86_64__
+TEST_P(HostileExtractorTest, OtherNumbersOfSystemCallsAreRefused) {
+  expectDetail("x32-call", "refused");
+  expectDetail("32-bit-call", "refused");
+}
+#endif
+
 TEST_P(HostileExtractorTest, ProgramsThatItStartsAreHeldLikeItself) {
   std::filesystem::remove_all("/tmp/tessera-extract-was-here");  // of a run that failed
   expectDetail("program", "refused");
@@ -337,6 +345,11 @@ TEST_P(HostileExtractorTest, AnAnswerThatMakesNoSenseIsAVerdict) {
                            "empty-content-for-ever", "parts-for-ever", "half-a-frame", "bad-end"}) {
     expectLast(deed, Reason::kCrashed);
   }
+}
+
+TEST_P(HostileExtractorTest, AllPartsTogetherAreLimited) {
+  settings_.limits.total_bytes = kMaximalPayload;
+  expectLast("large-parts", Reason::kSizeLimit);
 }
 
 TEST_P(HostileExtractorTest, HangingIsEndedAtTheTimeLimit) {

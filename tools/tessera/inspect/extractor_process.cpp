@@ -146,6 +146,10 @@ bool ExtractorProcess::inspect(int file, std::string_view name,
 }
 
 EndStatus ExtractorProcess::receiveParts(const std::function<void(Part&&)>& deliver) {
+  // What is done with the parts is in no time limit. Texts may be larger than what they
+  // were made of, and every one of them may be as large as all members.
+  constexpr uint64_t kGrowth = 16;
+  uint64_t content_bytes = 0;
   // Each part may come a second time with a reason.
   for (uint64_t left = 2 * (uint64_t{limits_.members} + 1);;) {
     const FrameHeader header = receiveHeader();
@@ -156,6 +160,10 @@ EndStatus ExtractorProcess::receiveParts(const std::function<void(Part&&)>& deli
     } else if (header.type == FrameType::kPart) {
       if (left-- == 0) throw ProtocolError("too many parts");
       Part part = receivePart(payload);
+      content_bytes += part.content.size();
+      if (content_bytes / kGrowth > limits_.total_bytes) {
+        throw Death{Reason::kSizeLimit, "the texts of all parts together are too large"};
+      }
       const Clock::time_point before = Clock::now();
       deliver(std::move(part));
       deadline_ += Clock::now() - before;
