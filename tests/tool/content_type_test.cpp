@@ -24,6 +24,8 @@ TEST(ContentType, ZipsAreToldByTheirMembers) {
             contentType(zip({{"mimetype", "application/vnd.oasis.opendocument.text\n"}})));
   EXPECT_EQ("application/epub+zip", contentType(zip({{"mimetype", "application/epub+zip"}})));
   EXPECT_EQ("application/zip", contentType(zip({{"mimetype", "text/html"}})));
+  EXPECT_EQ("application/zip",
+            contentType(zip({{"mimetype", "application/vnd.oasis.opendocument.unheard-of"}})));
   EXPECT_EQ("application/zip", contentType(zip({{"word/document.xml", "x"}})));
 }
 
@@ -59,6 +61,17 @@ TEST(ContentType, MailsAreToldByTheirHeader) {
   EXPECT_EQ("message/rfc822", contentType(header + "\r\nbody"));
   EXPECT_EQ("message/rfc822", contentType("X-Own: 1\n" + header));
   EXPECT_EQ("application/mbox", contentType("From a@example.org Mon Jan 1\n" + header + "\nbody"));
+  // As it arrives, or is made to arrive.
+  const std::string mime = "MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=x\n";
+  EXPECT_EQ("message/rfc822", contentType("\r\n" + header + "\r\nbody"));
+  EXPECT_EQ("message/rfc822", contentType("\xef\xbb\xbf" + header + "\r\nbody"));
+  EXPECT_EQ("message/rfc822", contentType("From : a\nTo : b\nSubject : c\n\nbody"));
+  EXPECT_EQ("message/rfc822", contentType(" folded\n" + header + mime));
+  EXPECT_EQ("message/rfc822", contentType("X-" + std::string(90, 'x') + ": y\n" + header));
+  EXPECT_EQ("message/rfc822", contentType(header + "no field\n" + mime + "\nbody"));
+  EXPECT_EQ("message/rfc822", contentType(mime + "\n--x"));
+  EXPECT_EQ("text/plain", contentType(header + "no field\n\nbody"));
+  EXPECT_EQ("text/plain", contentType("On mails\nContent-Transfer-Encoding: base64\n"));
   EXPECT_EQ("text/plain", contentType("From here to there\nit is far.\n"));
   EXPECT_EQ("text/plain", contentType("To: do\nthe shopping\n"));
   EXPECT_EQ("text/plain", contentType("note: this\nis: no mail\n"));

@@ -137,10 +137,22 @@ TEST(Extraction, APictureIsNeverText) {
   EXPECT_EQ(Form::kBinary, parts.at("").form);
 }
 
+TEST(Extraction, TheFirstBytesOfAPictureHideNoText) {
+  std::string text = "GIF89a";
+  while (text.size() < 300) text += " and so on";
+  EXPECT_EQ(Form::kText, open(text).at("").form);
+  EXPECT_EQ(Form::kBinary, open("GIF89a" + noise(300)).at("").form);
+}
+
 TEST(Extraction, KnownContainersThatNothingOpensAreNotInspected) {
   const Parts parts = open(std::string("Rar!\x1a\x07\x01\x00", 8) + noise(100));
   EXPECT_EQ("application/x-rar", parts.at("").type);
   EXPECT_EQ(Reason::kUnsupported, parts.at("").reason);
+}
+
+TEST(Extraction, AnEncryptedMessageIsTold) {
+  const Parts parts = open("-----BEGIN PGP MESSAGE-----\n\nhQEMA7wZ\n-----END PGP MESSAGE-----\n");
+  EXPECT_EQ(Reason::kEncrypted, parts.at("").reason);
 }
 
 // --- archives ---
@@ -285,6 +297,81 @@ TEST(Archive, ATarBehindTheEndOfATarIsOpened) {
 }
 
 // --- each limit ---
+
+std::string manyWords() {
+  std::string words;
+  while (words.size() < 300) words += "word" + std::to_string(words.size()) + " ";
+  return words;
+}
+
+TEST(Archive, NothingHidesWhereTheDirectoryOfAZipDoesNotLead) {
+  const std::string text = manyWords();
+  const std::string hidden = zip({{"a", text}});
+  const std::string shown = zip({{"b", "shown"}});
+  // Another archive before it, and behind it something else, near and far.
+  EXPECT_EQ((Names{"", "b", "?", "?!a"}), open(hidden + shown).names());
+  EXPECT_EQ(text, open(hidden + shown).at("?!a").content);
+  EXPECT_EQ(text, open(shown + text).at("?").content);
+  const std::string far = shown + noise(100'000);
+  EXPECT_EQ((Names{"", "b", "?"}), open(far).names());
+  // A directory that has nothing in it.
+  const std::string none = std::string("PK\5\6") + std::string(18, '\0');
+  EXPECT_EQ(text, open(hidden + none).at("?!a").content);
+  // An entry taken off the list: the directory begins behind it.
+  std::string both = zip({{"a", text}, {"b", "shown"}});
+  const size_t directory = both.find("PK\1\2");
+  const size_t second = both.find("PK\1\2", directory + 1);
+  const size_t end = both.find("PK\5\6");
+  const auto set32 = [&](size_t at, size_t value) {
+    for (size_t i = 0; i < 4; ++i) both[at + i] = static_cast<char>(value >> 8 * i);
+  };
+  both[end + 8] = both[end + 10] = 1;
+  set32(end + 12, end - second);
+  both.erase(directory, second - directory);
+  EXPECT_EQ(Reason::kDamaged, open(both).at("?!a").reason);  // without its end, which is ours
+  EXPECT_EQ("shown", open(both).at("b").content);
+  // A document that is a zip inside.
+  const std::string odt =
+      zip({{"mimetype", "application/vnd.oasis.opendocument.text"}, {"content.xml", "<p>x</p>"}});
+  EXPECT_EQ(text, open(hidden + odt).at("?!a").content);
+}
+
+TEST(Archive, AnOrdinaryZipHidesNothing) {
+  EXPECT_EQ((Names{"", "a", "b"}), open(zip({{"a", manyWords()}, {"b", ""}})).names());
+  EXPECT_EQ((Names{""}), open(zip({})).names());
+}
+
+TEST(Archive, AZipAtTheEndOfAnotherFileIsOpened) {
+  const std::string archive = zip({{"a", "text of a"}});
+  for (const std::string& before :
+       {"GIF89a" + noise(1000), manyWords(), "{\\rtf1 " + manyWords() + "}"}) {
+    const Parts parts = open(before + archive);
+    EXPECT_EQ((Names{"", "?", "?!a"}), parts.names());
+    EXPECT_EQ(before.size() + archive.size(), parts.at("").size);
+    EXPECT_EQ("text of a", parts.at("?!a").content);
+  }
+}
+
+TEST(Archive, WhatStandsBehindCompressedDataIsOpened) {
+  const std::string text = manyWords();
+  EXPECT_EQ(text, open(gzip("x") + text).at("?").content);
+  EXPECT_EQ("text of a",
+            open(gzip("x") + std::string(20, '\0') + zip({{"a", "text of a"}, {"b", text}}))
+                .at("?!a")
+                .content);
+  EXPECT_EQ(text, open(tar({{"a", "b"}}, ARCHIVE_FILTER_GZIP) + text).at("?").content);
+  EXPECT_EQ((Names{"", "a"}), open(tar({{"a", "b"}}, ARCHIVE_FILTER_GZIP)).names());
+  EXPECT_EQ((Names{"", "a"}), open(tar({{"a", "b"}})).names());
+}
+
+// Unpackers that know nothing of devices make a file of it.
+TEST(Archive, ContentOfWhatIsNoFileIsTold) {
+  std::string archive = zip({{"a", manyWords()}, {"b", "b"}});
+  archive[archive.find("PK\1\2") + 41] = 0x21;  // what it is: a device
+  const Parts parts = open(archive);
+  EXPECT_EQ((Names{"", "a", "b"}), parts.names());
+  EXPECT_EQ(Reason::kUnsupported, parts.at("a").reason);
+}
 
 TEST(Limit, DepthCountsContainersInsideEachOther) {
   std::string content = "text";

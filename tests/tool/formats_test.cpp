@@ -136,13 +136,26 @@ TEST(HtmlFormat, BlocksPartLinesAndInlineElementsPartNothing) {
 TEST(HtmlFormat, WhatIsNotShownAsTextIsLeftOut) {
   EXPECT_EQ("a\nb\n", parsed(parseHtml,
                              "<p>a</p><script>x</script><style>x</style>"
-                             "<noscript>x</noscript><template>x</template><!--x--><p>b")
+                             "<template>x</template><!--x--><p>b")
                           .said);
 }
 
 TEST(HtmlFormat, AltAndTitleComeAfterTheTextThatTheyStandIn) {
   EXPECT_EQ("one two\npicture\nhint\n",
             parsed(parseHtml, "<p>one <img alt='picture'><span title='hint'>two</span></p>").said);
+}
+
+TEST(HtmlFormat, WhatMailProgramsShowCounts) {
+  EXPECT_EQ("a\nb\n", parsed(parseHtml, "<p>a<noscript> b</noscript>").said);
+  EXPECT_EQ("a\nb c\n", parsed(parseHtml, "<p>a<!--[if mso]><b>b</b> c<![endif]-->").said);
+  EXPECT_EQ("a\nb\nc\n", parsed(parseHtml, "<p>a</p><input value=b><input placeholder=c>").said);
+  EXPECT_EQ(
+      "a\nb\nc\n",
+      parsed(parseHtml, "<p>a</p><iframe srcdoc='<b>b</b><iframe srcdoc=c></iframe>'></iframe>")
+          .said);
+  std::string nested = "x";
+  for (int i = 0; i < 6; ++i) nested = "<!--[if mso]>" + nested + "<![endif]--> <a>";
+  EXPECT_EQ(Reason::kDepthLimit, parsed(parseHtml, nested).reason);
 }
 
 TEST(HtmlFormat, EntitiesAreDecoded) {
@@ -332,6 +345,16 @@ TEST(MailFormat, AnAlternativeHidesNothing) {
 TEST(MailFormat, TextAroundThePartsHidesNothing) {
   EXPECT_EQ("before within after",
             words(parsed(parseMail, kMultipart + "before\n--b\n\nwithin\n--b--\nafter\n"s).said));
+}
+
+TEST(MailFormat, AnOddHeaderHidesNothing) {
+  const std::string fields = "Subject: s\nMIME-Version : 1.0\nContent-Transfer-Encoding: base64\n";
+  const std::string body = "\nc2VjcmV0\n";
+  EXPECT_EQ("s secret", words(parsed(parseMail, fields + body).said));
+  EXPECT_EQ("s secret", words(parsed(parseMail, "\n" + fields + body).said));
+  EXPECT_EQ("s secret", words(parsed(parseMail, "\xef\xbb\xbf" + fields + body).said));
+  EXPECT_EQ("no field folded s secret",
+            words(parsed(parseMail, "From: a\nno field\n folded\n" + fields + body).said));
 }
 
 TEST(MailFormat, AttachmentsAreMembersWithTheirNames) {
@@ -545,6 +568,23 @@ TEST(DocxFormat, EmbeddedObjectsAreMembersPicturesAreNot) {
   EXPECT_EQ("smuggled", document.members[2].content);
 }
 
+TEST(DocxFormat, ANameHidesNothing) {
+  const std::string secret = repeated("secret words ", 20);
+  const Recorded document = parsed(
+      parseOoxml, zip({{"_rels/.rels", relationships({{"officeDocument", "word/document.xml"}})},
+                       {"word/document.xml", "<document><t>x</t></document>"},
+                       {"word/media/a.png", secret},
+                       {"b.bin", "PK" + secret},
+                       {"c.rels", secret},
+                       {"d.png", "\x89PNG\r\n\x1a\n" + std::string(99, '\0') + "\xff\xfe\xfd"},
+                       {"e.rels", "<" + secret + ">"}}));
+  ASSERT_EQ(3u, document.members.size());
+  EXPECT_EQ("word/media/a.png", document.members[0].name);
+  EXPECT_EQ(secret, document.members[0].content);
+  EXPECT_EQ("b.bin", document.members[1].name);
+  EXPECT_EQ("c.rels", document.members[2].name);
+}
+
 TEST(DocxFormat, ADamagedPartCostsOnlyItself) {
   const auto document = parsed(
       parseOoxml,
@@ -722,6 +762,18 @@ TEST(OdfFormat, EmbeddedDocumentsAreTextOtherObjectsMembers) {
   EXPECT_EQ("Object 2", document.members[0].name);
 }
 
+TEST(OdfFormat, ANameHidesNothing) {
+  const std::string secret = repeated("secret words ", 20);
+  const Recorded document = parsed(parseOdf, zip({{"mimetype", "x"},
+                                                  {"content.xml", "<p>x</p>"},
+                                                  {"Pictures/a.png", secret},
+                                                  {"b.xml", secret},
+                                                  {"c.xml", "<" + secret + "/>"}}));
+  ASSERT_EQ(2u, document.members.size());
+  EXPECT_EQ("Pictures/a.png", document.members[0].name);
+  EXPECT_EQ("b.xml", document.members[1].name);
+}
+
 TEST(OdfFormat, APasswordIsTold) {
   EXPECT_EQ(Reason::kEncrypted,
             parsed(parseOdf, odt("", {{"META-INF/manifest.xml",
@@ -767,6 +819,18 @@ TEST(EpubFormat, AnEncryptedPageIsLost) {
   ASSERT_EQ(1u, document.members.size());
   EXPECT_EQ(Reason::kEncrypted, document.members[0].reason);
   EXPECT_EQ("The Title first unlisted", words(canonicalText(document.said)));
+}
+
+TEST(EpubFormat, WhatBelongsIntoNoBookIsAMember) {
+  const std::string secret = repeated("secret words ", 20);
+  const Recorded document = parsed(parseEpub, zip({{"mimetype", "application/epub+zip"},
+                                                   {"a.html", "<p>x"},
+                                                   {"b.txt", secret},
+                                                   {"c.css", "p { " + secret + "}"},
+                                                   {"d.docx", "PK" + secret}}));
+  ASSERT_EQ(2u, document.members.size());
+  EXPECT_EQ("b.txt", document.members[0].name);
+  EXPECT_EQ("d.docx", document.members[1].name);
 }
 
 TEST(EpubFormat, WithoutPagesItIsDamaged) {

@@ -54,6 +54,13 @@ Reason reasonOf(const Call& call) {
   return Reason::kNone;
 }
 
+TEST(HelperProgram, GetsNoCopyThatIsLargerThanTheMemory) {
+  Limits limits;
+  limits.memory_bytes = 1000;
+  EXPECT_EQ(Reason::kMemoryLimit, reasonOf([&] { run({"cat"}, std::string(1001, 'x'), limits); }));
+  EXPECT_EQ(Reason::kNone, reasonOf([&] { run({"cat"}, std::string(1000, 'x'), limits); }));
+}
+
 TEST(HelperProgram, GetsTheDocumentOnItsStandardInput) {
   EXPECT_EQ("text", run({"cat"}, "text").output);
 }

@@ -114,6 +114,17 @@ const std::map<std::string, std::function<void()>>& deeds() {
       {"mount", [] { tell(mount("none", "/tmp", "tmpfs", 0, nullptr)); }},
       {"ptrace", [] { tell(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr)); }},
       {"kill", [] { tell(kill(getppid(), 0)); }},
+      // A descriptor may send any signal to whom it belongs to when something happens to it.
+      {"signal-by-descriptor", [] { tell(fcntl(kSocket, F_SETOWN, getppid())); }},
+      {"choose-signal", [] { tell(fcntl(kSocket, F_SETSIG, SIGKILL)); }},
+      {"outlive-parent", [] { tell(prctl(PR_SET_PDEATHSIG, 0)); }},
+      {"sibling",
+       [] {
+         const long child =
+             syscall(SYS_clone, CLONE_PARENT | SIGCHLD, nullptr, nullptr, nullptr, 0);
+         if (child == 0) _exit(0);
+         tell(child);
+       }},
       {"new-namespace", [] { tell(unshare(CLONE_NEWUSER)); }},
       {"bpf", [] { tell(syscall(SYS_bpf, 0, nullptr, 0)); }},
       {"keyctl", [] { tell(syscall(SYS_keyctl, 0, 0, 0, 0, 0)); }},
@@ -122,6 +133,32 @@ const std::map<std::string, std::function<void()>>& deeds() {
          io_uring_params params{};
          tell(syscall(SYS_io_uring_setup, 1, &params));
        }},
+#ifdef __x86_64__
+      // The same calls by other numbers: they must not even be asked for.
+      {"x32-call",
+       [] {
+         const pid_t child = fork();
+         if (child == 0) _exit(syscall(0x40000000 | SYS_socket, AF_INET, SOCK_STREAM, 0) >= 0);
+         int status = 0;
+         waitpid(child, &status, 0);
+         say(WIFEXITED(status) && WEXITSTATUS(status) == 1 ? "allowed" : "refused");
+       }},
+      {"32-bit-call",
+       [] {
+         const pid_t child = fork();
+         if (child == 0) {
+           long result = 359;  // socket()
+           __asm__ volatile("int $0x80"
+                            : "+a"(result)
+                            : "b"(AF_INET), "c"(SOCK_STREAM), "d"(0)
+                            : "memory");
+           _exit(result >= 0);
+         }
+         int status = 0;
+         waitpid(child, &status, 0);
+         say(WIFEXITED(status) && WEXITSTATUS(status) == 1 ? "allowed" : "refused");
+       }},
+#endif
       {"new-session", [] { tell(setsid()); }},
       {"new-privileges", [] { say(prctl(PR_GET_NO_NEW_PRIVS) == 1 ? "allowed" : "refused"); }},
       {"be-root", [] { tell(setuid(0) == 0 && geteuid() == 0 ? 0 : -1); }},
@@ -147,6 +184,14 @@ const std::map<std::string, std::function<void()>>& deeds() {
        [] {
          if (fork() == 0) hang();
          hang();
+       }},
+      {"die-but-for-a-child",
+       [] {
+         if (fork() == 0) {
+           for (int i = 0; i < 64; ++i) close(i);
+           hang();
+         }
+         _exit(9);
        }},
       {"die-before-answer", [] { _exit(7); }},
       {"segfault",
@@ -202,6 +247,15 @@ const std::map<std::string, std::function<void()>>& deeds() {
       {"parts-for-ever",
        [] {
          while (true) say("again");
+       }},
+      {"large-parts",
+       [] {
+         Part part;
+         part.content = std::string(kMaximalPayload, 'x');
+         for (int i = 0; i < 100; ++i) {
+           sendFrame(kSocket, FrameType::kPart, encodePart(part));
+           sendFrame(kSocket, FrameType::kContent, part.content);
+         }
        }},
       {"half-a-frame",
        [] {

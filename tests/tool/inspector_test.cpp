@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "extract/descriptor.h"
+#include "extract/protocol.h"
 #include "failure.h"
 #include "temp_dir.h"
 
@@ -268,14 +269,24 @@ INSTANTIATE_TEST_SUITE_P(Started, HostileExtractorTest, testing::Bool(), [](cons
 });
 
 TEST_P(HostileExtractorTest, SystemCallsThatItDoesNotNeedAreRefused) {
-  for (const char* deed :
-       {"socket",      "unix-socket", "socket-pair",   "create", "write-null", "read-write-null",
-        "truncate",    "unlink",      "rename",        "mkdir",  "chmod",      "mount",
-        "ptrace",      "kill",        "new-namespace", "bpf",    "keyctl",     "io-uring",
-        "new-session", "be-root"}) {
+  for (const char* deed : {"socket",        "unix-socket",    "socket-pair",
+                           "create",        "write-null",     "read-write-null",
+                           "truncate",      "unlink",         "rename",
+                           "mkdir",         "chmod",          "mount",
+                           "ptrace",        "kill",           "new-namespace",
+                           "bpf",           "keyctl",         "io-uring",
+                           "new-session",   "be-root",        "signal-by-descriptor",
+                           "choose-signal", "outlive-parent", "sibling"}) {
     expectDetail(deed, "refused");
   }
 }
+
+#ifdef __x86_64__
+TEST_P(HostileExtractorTest, OtherNumbersOfSystemCallsAreRefused) {
+  expectDetail("x32-call", "refused");
+  expectDetail("32-bit-call", "refused");
+}
+#endif
 
 TEST_P(HostileExtractorTest, ProgramsThatItStartsAreHeldLikeItself) {
   std::filesystem::remove_all("/tmp/tessera-extract-was-here");  // of a run that failed
@@ -336,6 +347,11 @@ TEST_P(HostileExtractorTest, AnAnswerThatMakesNoSenseIsAVerdict) {
   }
 }
 
+TEST_P(HostileExtractorTest, AllPartsTogetherAreLimited) {
+  settings_.limits.total_bytes = kMaximalPayload;
+  expectLast("large-parts", Reason::kSizeLimit);
+}
+
 TEST_P(HostileExtractorTest, HangingIsEndedAtTheTimeLimit) {
   settings_.limits.seconds = 0;  // and the grace
   // A name of its own, by which what the extractor leaves behind is found.
@@ -349,6 +365,32 @@ TEST_P(HostileExtractorTest, HangingIsEndedAtTheTimeLimit) {
     usleep(100'000);
     EXPECT_FALSE(isRunning(program)) << deed;
   }
+}
+
+TEST_P(HostileExtractorTest, WhatItHasStartedEndsWithIt) {
+  const std::string program = std::string("fork").append(std::to_string(getpid()));
+  std::filesystem::copy_file(HOSTILE_EXTRACTOR, dir_.path(program));
+  settings_.extractor = dir_.path(program);
+  expectLast("die-but-for-a-child", Reason::kCrashed);
+  usleep(100'000);
+  EXPECT_FALSE(isRunning(program));
+}
+
+// One that fails to start in them later must not lead to extractors that are held less.
+TEST_F(InspectorTest, NamespacesThatWereThereAreNotDoneWithout) {
+  const std::string program = dir_.path("extractor");
+  std::filesystem::create_symlink(HOSTILE_EXTRACTOR, program);
+  Inspector::Settings settings;
+  settings.extractor = program;
+  settings.documents_per_extractor = 1;
+  Inspector inspector(settings);
+  if (inspector.confinement().find("namespaces") == std::string::npos) GTEST_SKIP();
+  // Nothing of this directory is seen inside.
+  std::filesystem::remove(program);
+  dir_.write("extractor", "#!/bin/sh\n[ -e " + program + " ] && exec " HOSTILE_EXTRACTOR "\n");
+  std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+  inspect(&inspector, "x", "nothing");  // by the one that runs already
+  EXPECT_THROW(inspect(&inspector, "x", "nothing"), Failure);
 }
 
 TEST_P(HostileExtractorTest, WhatItSaysIsFitForATerminal) {

@@ -6,13 +6,13 @@
 #include <magic.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
+#include "extract/formats/mail_header.h"
 #include "extract/formats/parsers.h"
 #include "extract/formats/zip_directory.h"
 
@@ -78,10 +78,10 @@ std::optional<std::string> zipType(std::string_view content) {
   }
   const ZipDirectory directory = zipDirectory(content);
   const std::string& declared = directory.mimetype;
-  if (declared.starts_with("application/vnd.oasis.opendocument.") ||
-      declared == "application/epub+zip") {
-    return declared;
-  }
+  const bool is_package = declared.starts_with("application/vnd.oasis.opendocument.") ||
+                          declared == "application/epub+zip";
+  // One that nothing here knows is opened as what it is.
+  if (is_package && formatOf(declared)) return declared;
   if (directory.has_content_types) {
     const std::string office = "application/vnd.openxmlformats-officedocument.";
     if (directory.top_directories.contains("word")) return office + "wordprocessingml.document";
@@ -142,54 +142,11 @@ std::optional<std::string> compoundType(std::string_view content) {
 
 // --- mails ---
 
-std::string_view takeLine(std::string_view* rest) {
-  const size_t end = rest->find('\n');
-  std::string_view line = rest->substr(0, end);
-  rest->remove_prefix(end == std::string_view::npos ? rest->size() : end + 1);
-  if (line.ends_with('\r')) line.remove_suffix(1);
-  return line;
-}
-
-// The name of the header field that a line begins; empty: none.
-std::string fieldName(std::string_view line) {
-  const size_t colon = line.find(':');
-  if (colon == std::string_view::npos || colon == 0 || colon > 76) return "";
-  std::string name;
-  for (const char c : line.substr(0, colon)) {
-    if (c <= ' ' || c > '~') return "";
-    name += lower(c);
-  }
-  return name;
-}
-
-// Whether a text begins with the header of a mail: fields only, some of them telling.
-bool isMailHeader(std::string_view text) {
-  static constexpr std::string_view kTelling[] = {
-      "received",     "return-path", "delivered-to", "message-id", "mime-version",
-      "date",         "from",        "to",           "subject",    "sender",
-      "content-type", "cc",          "reply-to",     "x-mailer",   "dkim-signature"};
-  constexpr size_t kLines = 500;
-  std::array<bool, std::size(kTelling)> found{};
-  for (size_t count = 0; count < kLines && !text.empty(); ++count) {
-    const std::string_view line = takeLine(&text);
-    if (line.empty()) break;
-    if (count > 0 && (line[0] == ' ' || line[0] == '\t')) continue;
-    const std::string name = fieldName(line);
-    if (name.empty()) return false;
-    const auto* telling = std::find(std::begin(kTelling), std::end(kTelling), name);
-    if (telling != std::end(kTelling)) found[static_cast<size_t>(telling - kTelling)] = true;
-  }
-  return std::count(found.begin(), found.end(), true) >= 3;
-}
-
 std::optional<std::string> mailType(std::string_view content) {
-  if (!content.starts_with("From ")) {
-    if (isMailHeader(content)) return "message/rfc822";
-    return std::nullopt;
-  }
-  takeLine(&content);
-  if (isMailHeader(content)) return "application/mbox";
-  return std::nullopt;
+  const bool is_mailbox = content.starts_with("From ") && !content.starts_with("From :");
+  if (is_mailbox) content.remove_prefix(std::min(content.find('\n'), content.size() - 1) + 1);
+  if (!isMailHeader(content)) return std::nullopt;
+  return is_mailbox ? "application/mbox" : "message/rfc822";
 }
 
 // --- text with marks in it ---

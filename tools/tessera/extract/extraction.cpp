@@ -10,6 +10,7 @@
 #include "extract/budget.h"
 #include "extract/content_type.h"
 #include "extract/formats/parsers.h"
+#include "extract/formats/zip_layout.h"
 #include "extract/member_name.h"
 #include "text/canonical_text.h"
 
@@ -45,12 +46,18 @@ bool shouldHaveText(const Part& part, const Format& format) {
          !part.type.starts_with("message/");
 }
 
-// Pictures and sounds are never taken for text, however few bytes they have.
+// Pictures and sounds are not taken for text, however few bytes they have.
 bool mayBeText(std::string_view type) {
   for (const auto kind : {"image/", "audio/", "video/", "font/"}) {
     if (type.starts_with(kind)) return type == "image/svg+xml";
   }
   return true;
+}
+
+// ... unless they are nothing else: the first bytes of a picture are no hiding place.
+bool isSurelyText(std::string_view content, const DecodedText& decoded) {
+  constexpr size_t kMany = 256;
+  return content.size() >= kMany && decoded.encoding == "UTF-8";
 }
 
 // A document or member with what is known about it from outside.
@@ -218,6 +225,12 @@ Outcome parse(Parser parser, std::string_view content, Document& document) {
   }
 }
 
+// Programs that unpack themselves, and pictures that are more than that.
+void openAppended(std::string_view content, Document& document) {
+  const std::string_view zip = appendedZip(content);
+  if (!zip.empty()) document.member("", zip);
+}
+
 void Extraction::open(const Opened& opened) {
   begin(opened.name);
   Part part;
@@ -227,7 +240,12 @@ void Extraction::open(const Opened& opened) {
   part.type = contentType(opened.content);
   const Format* const format = formatOf(part.type);
   if (!format) {
+    ParsedDocument document(this, opened, /*container=*/false);
+    Outcome outcome = parse(openAppended, opened.content, document);
+    part.reason = outcome.reason;
+    part.detail = std::move(outcome.detail);
     deliverPlain(opened, std::move(part));
+    document.openMembers();
   } else if (format->kind == Format::Kind::kUnsupported) {
     part.reason = Reason::kUnsupported;
     part.detail = "nothing here opens " + part.type;
@@ -253,6 +271,9 @@ void Extraction::openContainer(const Opened& opened, Parser parser, Part part) {
 void Extraction::openDocument(const Opened& opened, const Format& format, Part part) {
   ParsedDocument document(this, opened, /*container=*/false);
   Outcome outcome = parse(format.parser, opened.content, document);
+  if (outcome.reason == Reason::kNone && !opened.content.starts_with("PK")) {
+    outcome = parse(openAppended, opened.content, document);
+  }
   if (outcome.reason == Reason::kDamaged && format.kind == Format::Kind::kMarkup) {
     deliverPlain(opened, std::move(part));
     document.openMembers();
@@ -279,8 +300,8 @@ void Extraction::openDocument(const Opened& opened, const Format& format, Part p
 
 void Extraction::deliverPlain(const Opened& opened, Part part) {
   const std::string_view content = cutText(opened.content, budget.limits().total_bytes);
-  std::optional<DecodedText> decoded;
-  if (mayBeText(part.type)) decoded = decodeText(content, opened.charset);
+  std::optional<DecodedText> decoded = decodeText(content, opened.charset);
+  if (decoded && !mayBeText(part.type) && !isSurelyText(content, *decoded)) decoded.reset();
   if (!decoded) return deliverBytes(opened.content, std::move(part));
   if (part.type == "application/octet-stream") part.type = "text/plain";
   if (content.size() < opened.content.size()) noteCut(&part);

@@ -95,8 +95,8 @@ void limitProcess(const Limits& limits) {
 constexpr const char* kAllowed[] = {
     // what is open
     "read", "readv", "pread64", "preadv", "write", "writev", "pwrite64", "lseek", "close",
-    "close_range", "dup", "dup2", "dup3", "fcntl", "pipe", "pipe2", "poll", "ppoll", "select",
-    "pselect6", "fadvise64", "memfd_create", "recvmsg", "sendmsg",
+    "close_range", "dup", "dup2", "dup3", "pipe", "pipe2", "poll", "ppoll", "select", "pselect6",
+    "fadvise64", "memfd_create", "recvmsg", "sendmsg",
     // looking at files
     "access", "faccessat", "faccessat2", "stat", "fstat", "lstat", "newfstatat", "statx", "statfs",
     "fstatfs", "readlink", "readlinkat", "getdents64", "getcwd",
@@ -161,18 +161,25 @@ bool filterSystemCalls() {
   filter.allow("open", hasNone(1, kWriting));
   filter.allow("openat", hasNone(2, kWriting));
 
-  constexpr uint64_t kNamespaces = CLONE_NEWNS | CLONE_NEWCGROUP | CLONE_NEWUTS | CLONE_NEWIPC |
-                                   CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNET;
-  filter.allow("clone", hasNone(0, kNamespaces));
+  // Nor who gets a signal over a descriptor, and which: that would be as good as kill().
+  for (const uint64_t command : {F_DUPFD, F_DUPFD_CLOEXEC, F_GETFD, F_SETFD, F_GETFL, F_SETFL}) {
+    filter.allow("fcntl", equals(1, command));
+  }
+
+  // Namespaces, and children of whoever started the extractor.
+  constexpr uint64_t kBeyondItself = CLONE_NEWNS | CLONE_NEWCGROUP | CLONE_NEWUTS | CLONE_NEWIPC |
+                                     CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNET | CLONE_PARENT;
+  filter.allow("clone", hasNone(0, kBeyondItself));
   // Keeps its flags in memory, out of sight; without it clone() is taken.
   filter.add(SCMP_ACT_ERRNO(ENOSYS), "clone3");
 
   for (const uint64_t request : {TCGETS, FIONREAD, FIOCLEX}) {
     filter.allow("ioctl", equals(1, request));
   }
-  for (const uint64_t option : {PR_SET_PDEATHSIG, PR_SET_NAME, PR_GET_NAME}) {
+  for (const uint64_t option : {PR_SET_NAME, PR_GET_NAME}) {
     filter.allow("prctl", equals(0, option));
   }
+  filter.allow("prctl", equals(0, PR_SET_PDEATHSIG), equals(1, SIGKILL));
   // Its own limits, and signals to itself: abort().
   filter.allow("prlimit64", equals(0, 0));
   filter.allow("tgkill", equals(0, static_cast<uint64_t>(getpid())));

@@ -146,6 +146,10 @@ bool ExtractorProcess::inspect(int file, std::string_view name,
 }
 
 EndStatus ExtractorProcess::receiveParts(const std::function<void(Part&&)>& deliver) {
+  // What is done with the parts is in no time limit. Texts may be larger than what they
+  // were made of, and every one of them may be as large as all members.
+  constexpr uint64_t kGrowth = 16;
+  uint64_t content_bytes = 0;
   // Each part may come a second time with a reason.
   for (uint64_t left = 2 * (uint64_t{limits_.members} + 1);;) {
     const FrameHeader header = receiveHeader();
@@ -156,6 +160,10 @@ EndStatus ExtractorProcess::receiveParts(const std::function<void(Part&&)>& deli
     } else if (header.type == FrameType::kPart) {
       if (left-- == 0) throw ProtocolError("too many parts");
       Part part = receivePart(payload);
+      content_bytes += part.content.size();
+      if (content_bytes / kGrowth > limits_.total_bytes) {
+        throw Death{Reason::kSizeLimit, "the texts of all parts together are too large"};
+      }
       const Clock::time_point before = Clock::now();
       deliver(std::move(part));
       deadline_ += Clock::now() - before;
@@ -223,8 +231,14 @@ ExtractorProcess::Death ExtractorProcess::causeOfDeath() {
   constexpr milliseconds kDyingTime{2000};
   const Clock::time_point patience = Clock::now() + kDyingTime;
   while (process_ >= 0 && Clock::now() < patience) {
-    if (waitpid(process_, &status_, WNOHANG) == process_) process_ = -1;
-    if (process_ >= 0) poll(nullptr, 0, 5);
+    siginfo_t ended{};
+    waitid(P_PID, static_cast<id_t>(process_), &ended, WEXITED | WNOHANG | WNOWAIT);
+    // Not reaped yet, so that its number, by which what it has started is found, is its own.
+    if (ended.si_pid == process_) {
+      end(SIGKILL);
+    } else {
+      poll(nullptr, 0, 5);
+    }
   }
   if (process_ >= 0) return {Reason::kCrashed, "the extractor has hung up"};
   // What confines it turns a signal into an exit status, as shells do.

@@ -61,17 +61,18 @@ class Inspector::Pool {
     return started;
   }
 
-  // In namespaces, unless that has failed before: many systems do not allow them.
+  // In namespaces, unless the first could not be started so: many systems do not allow
+  // them. Where they do, nothing that goes wrong later makes do without. Called by one
+  // thread at a time.
   std::unique_ptr<ExtractorProcess> startConfined() {
-    bool in_namespaces;
-    {
-      const std::lock_guard lock(mutex_);
-      in_namespaces = namespaces_;
-    }
-    if (in_namespaces) {
+    if (namespaces_) {
       try {
-        return std::make_unique<ExtractorProcess>(confinedCommand(program_), settings_.limits);
+        auto started =
+            std::make_unique<ExtractorProcess>(confinedCommand(program_), settings_.limits);
+        namespaces_work_ = true;
+        return started;
       } catch (const NoExtractor&) {
+        if (namespaces_work_) throw;
         // The same without them tells whether it was for them.
       }
     }
@@ -87,7 +88,8 @@ class Inspector::Pool {
   Starter starter_;
   std::mutex mutex_;
   std::vector<std::unique_ptr<ExtractorProcess>> idle_;  // guarded by mutex_
-  bool namespaces_;                                      // guarded by mutex_
+  bool namespaces_;               // written by the starter's thread only, guarded by mutex_
+  bool namespaces_work_ = false;  // of the starter's thread
 };
 
 Inspector::Inspector(const Settings& settings) : pool_(std::make_unique<Pool>(settings)) {}

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "extract/formats/archive_reader.h"
+#include "extract/formats/zip_layout.h"
 
 namespace tool {
 
@@ -30,14 +31,25 @@ bool endsArchive(Reason reason) {
   return reason == Reason::kTimeLimit || reason == Reason::kMemberLimit;
 }
 
+// What stands behind the end of compressed data, where nobody looks.
+void openRest(const ArchiveReader& reader, Document& document) {
+  std::string_view rest = reader.rest();
+  if (!mayHide(rest)) return;
+  rest.remove_prefix(rest.find_first_not_of('\0'));
+  document.member("", rest);
+}
+
 // Returns the number of entries, read or not.
 size_t parseArchive(std::string_view content, ArchiveReader::Kind kind, Document& document) {
   ArchiveReader reader(content, kind);
   size_t entries = 0;
   for (; reader.next(); ++entries) {
     document.checkTime();
-    if (!reader.regularFile()) continue;
     const std::string name = entryName(reader, document);
+    if (reader.hidesContent()) {
+      document.lostMember(name, Reason::kUnsupported, "no file, but with content");
+    }
+    if (!reader.regularFile()) continue;
     std::string member;
     try {
       member = reader.read(document);
@@ -49,6 +61,7 @@ size_t parseArchive(std::string_view content, ArchiveReader::Kind kind, Document
     }
     document.member(name, member);
   }
+  if (kind == ArchiveReader::Kind::kTarOrCompressed && entries > 0) openRest(reader, document);
   return entries;
 }
 
@@ -56,6 +69,9 @@ size_t parseArchive(std::string_view content, ArchiveReader::Kind kind, Document
 
 void parseZip(std::string_view content, Document& document) {
   parseArchive(content, ArchiveReader::Kind::kZip, document);
+  if (const auto layout = zipLayout(content)) {
+    for (const std::string_view bytes : layout->unlisted) document.member("", bytes);
+  }
 }
 
 void parseSevenZip(std::string_view content, Document& document) {

@@ -6,6 +6,8 @@
 #include <array>
 #include <new>
 
+#include "extract/formats/zip_layout.h"
+
 namespace tool {
 
 namespace {
@@ -47,8 +49,12 @@ void support(archive* reader, ArchiveReader::Kind kind) {
 }  // namespace
 
 ArchiveReader::ArchiveReader(std::string_view content, Kind kind)
-    : archive_(checked(archive_read_new())) {
+    : content_(content), archive_(checked(archive_read_new())) {
   support(archive_.get(), kind);
+  if (kind == Kind::kZip) {
+    // Up to the end that everybody else here sees, and not only near the end of the file.
+    if (const auto layout = zipLayout(content)) content = layout->archive;
+  }
   // "data": a NULL is no archive at all, an empty view may have one.
   if (archive_read_open_memory(archive_.get(), content.empty() ? "" : content.data(),
                                content.size()) != ARCHIVE_OK) {
@@ -82,8 +88,18 @@ bool ArchiveReader::regularFile() const {
   return archive_entry_filetype(entry_) == AE_IFREG && !archive_entry_hardlink(entry_);
 }
 
+bool ArchiveReader::hidesContent() const {
+  return !regularFile() && archive_entry_filetype(entry_) != AE_IFLNK &&
+         archive_entry_size(entry_) > 0;
+}
+
 bool ArchiveReader::singleFile() const {
   return archive_format(archive_.get()) == ARCHIVE_FORMAT_RAW;
+}
+
+std::string_view ArchiveReader::rest() const {
+  const auto read = static_cast<uint64_t>(archive_filter_bytes(archive_.get(), -1));
+  return content_.substr(std::min<uint64_t>(read, content_.size()));
 }
 
 int ArchiveReader::compressions() const { return archive_filter_count(archive_.get()) - 1; }

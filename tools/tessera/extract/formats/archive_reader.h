@@ -33,6 +33,10 @@ class ArchiveReader {
   std::string name() const;  // "" when it has none
   bool regularFile() const;  // else a directory, a link, a device
 
+  // Whether it is none but says that it has content. Nothing here gets at that, but
+  // many unpackers know nothing of devices, say, and make a file of it.
+  bool hidesContent() const;
+
   // A compressed file that is no archive, whose one entry bears no name of its own.
   bool singleFile() const;
   int compressions() const;  // wrapped around each other: 1 for a.tar.gz
@@ -43,6 +47,9 @@ class ArchiveReader {
 
   // At most `bytes` of it.
   std::string readBeginning(size_t bytes);
+
+  // What of the content stands behind all that was read.
+  std::string_view rest() const;
 
   // Gets past an entry that is not read. What cannot be skipped without expanding it
   // is held to the ratio limit.
@@ -57,6 +64,7 @@ class ArchiveReader {
   void noteFailure(la_ssize_t result);
   uint64_t consumed() const;  // compressed bytes of this entry so far
 
+  const std::string_view content_;
   const std::unique_ptr<archive, Closer> archive_;
   archive_entry* entry_ = nullptr;
   uint64_t entry_start_ = 0;

@@ -1,5 +1,7 @@
 #include "extract/formats/epub.h"
 
+#include <algorithm>
+#include <array>
 #include <map>
 #include <optional>
 #include <set>
@@ -88,6 +90,9 @@ class Package {
       if (endsWith(name, ".xhtml") || endsWith(name, ".html") || endsWith(name, ".htm"))
         readPage(i);
     }
+    for (size_t i = 0; i < zip_.names().size(); ++i) {
+      if (!read_[i]) salvage_.attempt([&] { readOther(i); });
+    }
     salvage_.finish();
     if (!found_page_) throw NotInspected(Reason::kDamaged, "a book without pages");
   }
@@ -119,6 +124,17 @@ class Package {
       return;
     }
     salvage_.attempt([&] { document_.text(xhtmlText(zip_.read(index), document_.limits())); });
+  }
+
+  // Pictures, fonts and styles are no text, and other files belong into no book.
+  void readOther(size_t index) {
+    static constexpr std::array<std::string_view, 8> kMarkup = {".opf", ".ncx", ".xml",  ".css",
+                                                                ".svg", ".js",  ".smil", ".pls"};
+    const std::string& name = zip_.names()[index];
+    if (name == "mimetype" || encryption_.encrypted.count(name) != 0) return;
+    const bool markup =
+        std::any_of(kMarkup.begin(), kMarkup.end(), [&](auto end) { return endsWith(name, end); });
+    if (zip_.isDisguised(index, markup)) document_.member(name, zip_.read(index));
   }
 
   void readXmlOf(std::string_view name, XmlHandler& handler) {

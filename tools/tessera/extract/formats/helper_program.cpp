@@ -103,6 +103,11 @@ void gather(Descriptor out, Descriptor err, const Document& document, HelperResu
 HelperResult runHelper(const std::vector<std::string>& command, std::string_view input,
                        const Document& document) {
   const std::string& program = command.at(0);
+  // The copy is in memory, too, and in no other limit of it.
+  if (input.size() > document.limits().memory_bytes) {
+    throw NotInspected(Reason::kMemoryLimit,
+                       "larger than " + std::to_string(document.limits().memory_bytes) + " bytes");
+  }
   const Descriptor in = fileWith(input, program);
   Pipe out = makePipe(program);
   Pipe err = makePipe(program);

@@ -7,6 +7,7 @@
 #include <gumbo.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csetjmp>
 #include <cstdlib>
@@ -35,7 +36,17 @@ bool isInline(std::string_view name) {
 }
 
 bool isNoText(std::string_view name) {
-  return name == "script" || name == "style" || name == "noscript" || name == "template";
+  return name == "script" || name == "style" || name == "template";
+}
+
+// Attributes whose words a reader is shown.
+constexpr std::array kShownAttributes = {"alt",         "title", "value",
+                                         "placeholder", "label", "summary"};
+
+// What Outlook shows of a comment: "[if mso]> ... <![endif]".
+std::string_view conditional(std::string_view comment) {
+  if (!comment.starts_with("[if")) return {};
+  return comment.substr(std::min(comment.find('>'), comment.size() - 1) + 1);
 }
 
 void addLine(std::string_view line, std::string* text) {
@@ -159,6 +170,9 @@ class Walk {
     return text_ + attributes_;
   }
 
+  // HTML that stands in attributes and comments and is shown all the same.
+  const std::string& innerPages() const { return inner_pages_; }
+
  private:
   struct Open {
     const GumboNode* node;
@@ -181,7 +195,10 @@ class Walk {
       case GUMBO_NODE_ELEMENT:
         visitElement(node);
         break;
-      default:  // comments; templates
+      case GUMBO_NODE_COMMENT:
+        addLine(conditional(node->v.text.text), &inner_pages_);
+        break;
+      default:  // templates
         break;
     }
   }
@@ -190,7 +207,9 @@ class Walk {
     const GumboElement& element = node->v.element;
     const std::string name = elementName(element);
     if (isNoText(name)) return;
-    for (const char* const shown : {"alt", "title"}) {
+    const GumboAttribute* const page = gumbo_get_attribute(&element.attributes, "srcdoc");
+    if (page != nullptr) addLine(page->value, &inner_pages_);
+    for (const char* const shown : kShownAttributes) {
       const GumboAttribute* const attribute = gumbo_get_attribute(&element.attributes, shown);
       if (attribute != nullptr) addLine(attribute->value, &attributes_);
     }
@@ -202,6 +221,7 @@ class Walk {
   std::vector<Open> open_;
   std::string text_;
   std::string attributes_;
+  std::string inner_pages_;
 };
 
 // ---- Charset
@@ -236,8 +256,7 @@ class XhtmlText : public XmlHandler {
       return;
     }
     if (!isInline(name) && name != "img") addBreak(&text_);
-    addLine(attributes.value("alt"), &attributes_);
-    addLine(attributes.value("title"), &attributes_);
+    for (const char* const shown : kShownAttributes) addLine(attributes.value(shown), &attributes_);
   }
 
   void end(std::string_view name) override {
@@ -269,12 +288,21 @@ std::string htmlText(std::string_view bytes, std::string_view declared, const Li
   const auto decoded =
       decodeText(bytes, declared.empty() ? declaredCharset(bytes) : std::string(declared));
   if (!decoded) throw NotInspected(Reason::kDamaged, "a web page in no known encoding");
-  Heap heap(limits);
-  const GumboOutput* const page = heap.parse(decoded->text);
-  if (page == nullptr) {
-    throw NotInspected(heap.reason(), "a web page that is too much for the HTML parser");
+  std::string text;
+  std::string html = decoded->text;
+  // Pages inside of pages, as deep as anybody makes them.
+  for (int depth = 0; depth < 4 && !html.empty(); ++depth) {
+    Heap heap(limits);
+    const GumboOutput* const page = heap.parse(html);
+    if (page == nullptr) {
+      throw NotInspected(heap.reason(), "a web page that is too much for the HTML parser");
+    }
+    Walk walk;
+    text += walk.textOf(page->document);
+    html = walk.innerPages();
   }
-  return Walk().textOf(page->document);
+  if (!html.empty()) throw NotInspected(Reason::kDepthLimit, "web pages inside each other");
+  return text;
 }
 
 std::string xhtmlText(std::string_view bytes, const Limits& limits) {

@@ -13,6 +13,7 @@
 #include <string>
 
 #include "extract/formats/html.h"
+#include "extract/formats/mail_header.h"
 #include "extract/formats/salvage.h"
 #include "text/canonical_text.h"
 
@@ -123,7 +124,10 @@ class Message {
   explicit Message(Document& document) : document_(document) {}
 
   void read(std::string_view content) {
-    const auto parser = newParser(content);
+    const MailHeader header = mailHeader(content);
+    say(header.stray);
+    const std::string repaired = (header.fields + "\n").append(header.body);
+    const auto parser = newParser(repaired);
     const Scoped<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), nullptr));
     if (!message) throw NotInspected(Reason::kDamaged, "no e-mail");
     say(view(g_mime_message_get_subject(message.get())));

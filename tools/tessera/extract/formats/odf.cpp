@@ -127,7 +127,8 @@ class Package {
     } else if (isNamed(name, "content.xml") || isNamed(name, "styles.xml")) {
       found_text_ = true;
       readText(zip_.read(index));
-    } else if (!isFurniture(name)) {
+    } else if (name != "mimetype" &&
+               (!isFurniture(name) || zip_.isDisguised(index, isMarkup(name)))) {
       document_.member(name, zip_.read(index));
     }
   }
@@ -148,13 +149,16 @@ class Package {
     return path.substr(path.rfind('/') + 1) == name;
   }
 
+  static bool isMarkup(std::string_view name) {
+    return endsWith(name, ".xml") || endsWith(name, ".rdf") || endsWith(name, ".svg");
+  }
+
   // What every package has, and pictures.
   static bool isFurniture(std::string_view name) {
     static constexpr std::array<std::string_view, 7> kDirectories = {
         "Configurations2/",    "META-INF/",   "Pictures/", "media/",
         "ObjectReplacements/", "Thumbnails/", "Fonts/"};
-    static constexpr std::array<std::string_view, 4> kEndings = {".xml", ".rdf", "layout-cache",
-                                                                 "mimetype"};
+    static constexpr std::array<std::string_view, 3> kEndings = {".xml", ".rdf", "layout-cache"};
     return std::any_of(kDirectories.begin(), kDirectories.end(),
                        [&](std::string_view directory) {
                          return name.substr(0, directory.size()) == directory;

@@ -395,7 +395,8 @@ class Package {
     const std::string& name = zip_.names()[index];
     if (endsWith(name, ".xml")) {
       readPart(index, zip_.read(index));
-    } else if (name.find("embeddings/") != std::string::npos || !isFurniture(name)) {
+    } else if (name.find("embeddings/") != std::string::npos || !isFurniture(name) ||
+               zip_.isDisguised(index, isMarkup(name))) {
       document_.member(name, zip_.read(index));
     }
   }
@@ -411,6 +412,11 @@ class Package {
     }
     part.finish();
     found_text_part_ = found_text_part_ || part.isKnown();
+  }
+
+  static bool isMarkup(std::string_view name) {
+    return endsWith(name, ".rels") || endsWith(name, ".vml") || endsWith(name, ".svg") ||
+           endsWith(name, ".psmdcp");
   }
 
   // What every package has, pictures and fonts.

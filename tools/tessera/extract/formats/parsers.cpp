@@ -20,6 +20,8 @@ namespace {
 
 using enum Format::Kind;
 
+void refuseEncrypted(std::string_view, Document&) { throw NotInspected(Reason::kEncrypted, ""); }
+
 constexpr Format kFormats[] = {
     {"application/gzip", kContainer, parseTarOrCompressed},
     {"application/x-7z-compressed", kContainer, parseSevenZip},
@@ -68,15 +70,27 @@ constexpr Format kFormats[] = {
     {"application/vnd.oasis.opendocument.text-master", kDocument, parseOdf},
     {"application/vnd.oasis.opendocument.text-template", kDocument, parseOdf},
 
+    {"application/pgp-encrypted", kDocument, refuseEncrypted},
+
+    {"application/vnd.debian.binary-package", kUnsupported, nullptr},
     {"application/vnd.ms-cab-compressed", kUnsupported, nullptr},
     {"application/vnd.ms-outlook", kUnsupported, nullptr},
     {"application/vnd.ms-tnef", kUnsupported, nullptr},
+    {"application/x-ace-compressed", kUnsupported, nullptr},
+    {"application/x-archive", kUnsupported, nullptr},
     {"application/x-arj", kUnsupported, nullptr},
     {"application/x-cpio", kUnsupported, nullptr},
     {"application/x-iso9660-image", kUnsupported, nullptr},
     {"application/x-lz4", kUnsupported, nullptr},
     {"application/x-lzh-compressed", kUnsupported, nullptr},
+    {"application/x-msaccess", kUnsupported, nullptr},
     {"application/x-rar", kUnsupported, nullptr},
+    {"application/x-rpm", kUnsupported, nullptr},
+    {"application/x-snappy-framed", kUnsupported, nullptr},
+    {"application/x-stuffit", kUnsupported, nullptr},
+    {"application/x-xar", kUnsupported, nullptr},
+    {"application/x-zoo", kUnsupported, nullptr},
+    {"application/zlib", kUnsupported, nullptr},
 };
 
 }  // namespace

@@ -2,6 +2,10 @@
 
 #include <algorithm>
 
+#include "extract/formats/words.h"
+#include "extract/formats/zip_layout.h"
+#include "text/canonical_text.h"
+
 namespace tool {
 
 namespace {
@@ -17,10 +21,17 @@ bool nextFile(ArchiveReader* reader) {
 
 ZipMembers::ZipMembers(std::string_view zip, Document& document) : zip_(zip), document_(document) {
   ArchiveReader reader(zip_, ArchiveReader::Kind::kZip);
-  while (nextFile(&reader)) {
+  while (reader.next()) {
+    if (reader.hidesContent()) {
+      document_.lostMember(reader.name(), Reason::kUnsupported, "no file, but with content");
+    }
+    if (!reader.regularFile()) continue;
     if (names_.size() >= document_.limits().members) throw NotInspected(Reason::kMemberLimit, "");
     document_.checkTime();
     names_.push_back(reader.name());
+  }
+  if (const auto layout = zipLayout(zip_)) {
+    for (const std::string_view bytes : layout->unlisted) document_.member("", bytes);
   }
 }
 
@@ -30,7 +41,7 @@ std::optional<size_t> ZipMembers::find(std::string_view name) const {
   return static_cast<size_t>(found - names_.begin());
 }
 
-std::string ZipMembers::read(size_t index) {
+void ZipMembers::moveTo(size_t index) {
   if (!reader_ || index < position_) {
     reader_.emplace(zip_, ArchiveReader::Kind::kZip);
     position_ = 0;
@@ -39,6 +50,23 @@ std::string ZipMembers::read(size_t index) {
     document_.checkTime();
     if (!nextFile(&*reader_)) throw NotInspected(Reason::kDamaged, "");
   } while (position_++ < index);
+}
+
+bool ZipMembers::isDisguised(size_t index, bool markup) {
+  constexpr size_t kLookedAt = 4096;
+  moveTo(index);
+  const std::string beginning = reader_->readBeginning(kLookedAt);
+  if (!mayHide(beginning)) return false;
+  static constexpr std::string_view kOthers[] = {"PK",  "%PDF-",    "Rar!",       "7z\xbc\xaf",
+                                                 "BZh", "\x1f\x8b", "\xfd\x37zXZ"};
+  const auto is = [&](std::string_view other) { return beginning.starts_with(other); };
+  if (std::any_of(std::begin(kOthers), std::end(kOthers), is)) return true;
+  if (!hasWords(beginning) || !decodeText(beginning, {})) return markup;
+  return !markup || beginning.find_first_of("<{") == std::string::npos;
+}
+
+std::string ZipMembers::read(size_t index) {
+  moveTo(index);
   std::string content = reader_->read(document_);
   document_.countExpanded(content.size());
   return content;

@@ -29,10 +29,17 @@ class ZipMembers {
   // names(). Throws NotInspected: encrypted, damaged, a limit.
   std::string read(size_t index);
 
+  // Whether names()[index] is something else than its name says it is: `markup` when it
+  // should be XML or the like, else a picture, a font, a record of settings. Looks at
+  // the beginning only.
+  bool isDisguised(size_t index, bool markup);
+
   // The same for a name; nothing when there is none.
   std::optional<std::string> read(std::string_view name);
 
  private:
+  void moveTo(size_t index);
+
   const std::string_view zip_;
   Document& document_;
   std::vector<std::string> names_;
