@@ -159,10 +159,12 @@ void ArchiveReader::skip(const Document& document) {
 }
 
 // The entries of a 7z are compressed together, and libarchive would ask libbz2 for more
-// after an error, which overwrites its stack then. Warnings are wrong checksums.
+// after an error, which overwrites its stack then. Warnings are wrong checksums, and what
+// is encrypted is not expanded at all.
 void ArchiveReader::noteFailure(la_ssize_t result) {
   const int format = archive_format(archive_.get()) & ARCHIVE_FORMAT_BASE_MASK;
-  if (format == ARCHIVE_FORMAT_7ZIP && result < ARCHIVE_WARN) broken_ = true;
+  broken_ =
+      format == ARCHIVE_FORMAT_7ZIP && result < ARCHIVE_WARN && !archive_entry_is_encrypted(entry_);
 }
 
 uint64_t ArchiveReader::consumed() const {
