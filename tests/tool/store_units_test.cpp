@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "in_order.h"
-#include "names.h"
-#include "signature_list.h"
+#include "cli/names.h"
+#include "files/in_order.h"
+#include "library/signature_list.h"
 
 namespace tool {
 namespace {

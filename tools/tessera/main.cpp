@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "command_line.h"
+#include "cli/command_line.h"
+#include "cli/names.h"
 #include "failure.h"
-#include "home.h"
-#include "names.h"
+#include "store/home.h"
 
 namespace tool {
 
