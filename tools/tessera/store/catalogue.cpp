@@ -441,9 +441,11 @@ std::vector<Arrival> Catalogue::announce(const std::vector<FileChange>& changes)
     std::vector<DocumentEntry> old = documentsOf(file.path);
     insertFile(file);
     for (const NewDocument& document : documents) {
+      // Clang 14 takes no structured binding into a lambda.
+      const auto selection = file.selection;
       const auto same = std::find_if(old.begin(), old.end(), [&](const DocumentEntry& entry) {
         return entry.member == document.member && entry.sha256 == document.sha256 &&
-               entry.type == document.type && entry.selection == file.selection &&
+               entry.type == document.type && entry.selection == selection &&
                signatures(entry.id) == document.signatures;
       });
       if (same != old.end()) {
