@@ -2,14 +2,19 @@
 #include "extract/formats/helper_program.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <string>
 
 #include "archives.h"
 #include "extract/budget.h"
 #include "extract/descriptor.h"
 #include "extract/formats/zip_members.h"
+#include "extract/helper_starter.h"
 
 namespace {
 
@@ -98,6 +103,46 @@ TEST(HelperProgram, ThatFindsNoMemoryIsToldFromOneThatFails) {
 
 TEST(HelperProgram, ThatIsMissingIsAVerdict) {
   EXPECT_EQ(Reason::kUnsupported, reasonOf([] { run({"no-such-program"}); }));
+}
+
+// --- when the user may have no more processes ---
+
+void setProcesses(rlim_t count) {
+  rlimit processes;
+  getrlimit(RLIMIT_NPROC, &processes);
+  processes.rlim_cur = count;
+  setrlimit(RLIMIT_NPROC, &processes);
+}
+
+// In a starter of its own. Nobody else is this user, and root is not bound.
+void haveNoProcesses() {
+  constexpr uid_t kUser = 0x70000001;
+  if (setresuid(kUser, kUser, kUser) != 0) errno = 0;
+  setProcesses(0);
+}
+
+TEST(HelperProgramDeathTest, WithoutAProcessIsAVerdictOfItsOwn) {
+  const auto start = [] {
+    startHelperStarter({haveNoProcesses, {}});
+    _exit(static_cast<int>(reasonOf([] { run({"true"}); })));
+  };
+  EXPECT_EXIT(start(), testing::ExitedWithCode(static_cast<int>(Reason::kProcessLimit)), "");
+}
+
+TEST(HelperProgramDeathTest, WaitsForAProcess) {
+  const auto start = [] {
+    startHelperStarter({[] {
+                          haveNoProcesses();
+                          std::signal(SIGALRM, [](int) { setProcesses(100); });
+                          ualarm(300'000, 0);
+                        },
+                        {}});
+    const auto begun = std::chrono::steady_clock::now();
+    const int status = run({"sh", "-c", "exit 7"}).exit_status;
+    const auto waited = std::chrono::steady_clock::now() - begun;
+    _exit(waited > std::chrono::milliseconds(100) ? status : 1);
+  };
+  EXPECT_EXIT(start(), testing::ExitedWithCode(7), "");
 }
 
 TEST(HelperProgram, ThatWritesWithoutEndIsStopped) {

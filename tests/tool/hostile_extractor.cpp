@@ -11,7 +11,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "extract/helper_starter.h"
 #include "extract/protocol.h"
 #include "extract/sandbox.h"
 
@@ -81,16 +81,22 @@ void takeMemory() {
   say(taken < size_t{1} << 30 ? "stopped" : "not stopped");
 }
 
+// What the starter of helper programs does for it.
+int runProgram(const std::vector<std::string>& command) {
+  startProgram(command, 1, 1, 2, 100);
+  const ProgramEnd end = awaitProgram();
+  return end.error == 0 ? end.exit_status : -1;
+}
+
 void startPrograms() {
-  const pid_t child = fork();
-  if (child == 0) {
-    const char* const arguments[] = {"/usr/bin/touch", "/tmp/tessera-extract-was-here", nullptr};
-    execv(arguments[0], const_cast<char* const*>(arguments));
-    _exit(99);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  say(child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 1 ? "refused" : "allowed");
+  const int status = runProgram({"touch", "/tmp/tessera-extract-was-here"});
+  say(status == 1 ? "refused" : "allowed");
+}
+
+void forkInProgram() {
+  const int able = runProgram({"sh", "-c", "exit 7"});
+  const int status = runProgram({"sh", "-c", "sleep 0 & exit 7"});
+  say(able == 7 && status == 2 ? "refused" : "allowed");
 }
 
 const std::map<std::string, std::function<void()>>& deeds() {
@@ -162,7 +168,9 @@ const std::map<std::string, std::function<void()>>& deeds() {
       {"new-session", [] { tell(setsid()); }},
       {"new-privileges", [] { say(prctl(PR_GET_NO_NEW_PRIVS) == 1 ? "allowed" : "refused"); }},
       {"be-root", [] { tell(setuid(0) == 0 && geteuid() == 0 ? 0 : -1); }},
+      {"fork", [] { tell(fork()); }},
       {"program", startPrograms},
+      {"fork-in-program", forkInProgram},
       {"fork-bomb", forkBomb},
       {"memory", takeMemory},
       {"shared-memory",
@@ -180,10 +188,14 @@ const std::map<std::string, std::function<void()>>& deeds() {
          while (getppid() >= 0) {
          }
        }},
-      {"hang-in-child",
+      {"hang-in-program",
        [] {
-         if (fork() == 0) hang();
-         hang();
+         runProgram({"sleep", "86397"});
+       }},
+      {"talk-nonsense-to-starter",
+       [] {
+         startProgram({}, 1, 1, 2, 1);
+         awaitProgram();
        }},
       {"die-but-for-a-child",
        [] {
@@ -294,6 +306,7 @@ void serve() {
   Descriptor file;
   if (!receiveFrame(kSocket, &header, &payload, &file)) return;
   const Limits limits = decodeLimits(payload);
+  startHelperStarter(helperConfinement(limits));
   sendFrame(kSocket, FrameType::kReady, confineProcess(limits));
   while (receiveFrame(kSocket, &header, &payload, &file)) {
     confineDocument(limits, 0);

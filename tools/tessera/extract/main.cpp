@@ -15,6 +15,7 @@
 
 #include "extract/content_type.h"
 #include "extract/extraction.h"
+#include "extract/helper_starter.h"
 #include "extract/protocol.h"
 #include "extract/sandbox.h"
 
@@ -101,6 +102,7 @@ Limits receiveLimits() {
 void serve() {
   const Limits limits = receiveLimits();
   loadContentTypes();
+  startHelperStarter(helperConfinement(limits));
   sendFrame(kSocket, FrameType::kReady, confineProcess(limits));
   FrameHeader header;
   std::string name;

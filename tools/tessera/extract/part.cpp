@@ -28,6 +28,8 @@ std::string_view reasonName(Reason reason) {
       return "crashed";
     case Reason::kUnreadable:
       return "unreadable";
+    case Reason::kProcessLimit:
+      return "process-limit";
   }
   return "";
 }

@@ -24,8 +24,9 @@ enum class Reason : uint8_t {
   kMemoryLimit,
   kCrashed,  // the extractor died over it
   kUnreadable,
+  kProcessLimit,  // the system had no process for a program that reads it
 };
-inline constexpr unsigned kReasons = 12;
+inline constexpr unsigned kReasons = 13;
 
 // Stable words for machines: "encrypted", "time-limit"; "" for kNone.
 std::string_view reasonName(Reason reason);

@@ -1,11 +1,9 @@
 // In this order: another user than root, limits of the kernel, no new privileges, and a
-// list of the system calls that are left. The list holds for the programs that an
-// extractor starts, too; what is not on it is refused with EPERM, so that a library that
-// tries something needless goes on without it.
+// list of the system calls that are left. What is not on it is refused with EPERM, so that
+// a library that tries something needless goes on without it.
 #include "extract/sandbox.h"
 
 #include <asm/termbits.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
@@ -13,15 +11,12 @@
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <memory>
 #include <stdexcept>
 
 namespace tool {
@@ -59,20 +54,6 @@ void limit(__rlimit_resource resource, rlim_t soft, rlim_t hard) {
 
 void limit(__rlimit_resource resource, rlim_t value) { limit(resource, value, value); }
 
-// Processes and threads of this user that can be seen.
-rlim_t tasksOfUser() {
-  const std::unique_ptr<DIR, int (*)(DIR*)> processes(opendir("/proc"), closedir);
-  rlim_t tasks = 0;
-  while (const dirent* entry = processes ? readdir(processes.get()) : nullptr) {
-    if (!std::isdigit(static_cast<unsigned char>(entry->d_name[0]))) continue;
-    struct stat status;
-    const std::string path = std::string("/proc/") + entry->d_name + "/task";
-    if (stat(path.c_str(), &status) != 0 || status.st_uid != geteuid()) continue;
-    tasks += status.st_nlink > 2 ? status.st_nlink - 2 : 0;  // a directory each
-  }
-  return tasks;
-}
-
 #ifdef TESSERA_SANITIZE
 constexpr bool kLimitMemory = false;  // a sanitizer takes terabytes of addresses
 #else
@@ -81,12 +62,8 @@ constexpr bool kLimitMemory = true;
 
 void limitProcess(const Limits& limits) {
   constexpr rlim_t kOpenFiles = 64;
-  // The system counts all processes of the user. What others start meanwhile must not
-  // keep an extractor from starting a program; a fork bomb still ends soon.
-  constexpr rlim_t kMoreTasks = 256;
   limit(RLIMIT_CORE, 0);
   limit(RLIMIT_NOFILE, kOpenFiles);
-  limit(RLIMIT_NPROC, tasksOfUser() + kMoreTasks);
   if (kLimitMemory) limit(RLIMIT_DATA, limits.memory_bytes);
 }
 
@@ -113,8 +90,10 @@ constexpr const char* kAllowed[] = {
     // signals
     "rt_sigaction", "rt_sigprocmask", "rt_sigreturn", "rt_sigsuspend", "rt_sigpending",
     "rt_sigtimedwait", "pause", "sigaltstack",
-    // processes
-    "fork", "vfork", "execve", "wait4", "waitid", "exit", "exit_group"};
+    // the end
+    "exit", "exit_group"};
+
+constexpr const char* kToStartPrograms[] = {"fork", "vfork", "execve", "wait4", "waitid"};
 
 class SystemCallFilter {
  public:
@@ -153,7 +132,9 @@ scmp_arg_cmp hasNone(unsigned argument, uint64_t bits) {
   return {argument, SCMP_CMP_MASKED_EQ, bits, 0};
 }
 
-bool filterSystemCalls() {
+enum class Programs { kNone, kMayBeStarted };
+
+bool filterSystemCalls(Programs programs) {
   SystemCallFilter filter;
   for (const char* call : kAllowed) filter.allow(call);
 
@@ -166,12 +147,15 @@ bool filterSystemCalls() {
     filter.allow("fcntl", equals(1, command));
   }
 
-  // Namespaces, and children of whoever started the extractor.
-  constexpr uint64_t kBeyondItself = CLONE_NEWNS | CLONE_NEWCGROUP | CLONE_NEWUTS | CLONE_NEWIPC |
-                                     CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNET | CLONE_PARENT;
-  filter.allow("clone", hasNone(0, kBeyondItself));
-  // Keeps its flags in memory, out of sight; without it clone() is taken.
-  filter.add(SCMP_ACT_ERRNO(ENOSYS), "clone3");
+  if (programs == Programs::kMayBeStarted) {
+    for (const char* call : kToStartPrograms) filter.allow(call);
+    // Namespaces, and children of whoever started this one.
+    constexpr uint64_t kBeyondItself = CLONE_NEWNS | CLONE_NEWCGROUP | CLONE_NEWUTS | CLONE_NEWIPC |
+                                       CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNET | CLONE_PARENT;
+    filter.allow("clone", hasNone(0, kBeyondItself));
+    // Keeps its flags in memory, out of sight; without it clone() is taken.
+    filter.add(SCMP_ACT_ERRNO(ENOSYS), "clone3");
+  }
 
   for (const uint64_t request : {TCGETS, FIONREAD, FIOCLEX}) {
     filter.allow("ioctl", equals(1, request));
@@ -186,13 +170,31 @@ bool filterSystemCalls() {
   return filter.load();
 }
 
-}  // namespace
-
-std::string confineProcess(const Limits& limits) {
+std::string confine(const Limits& limits, Programs programs) {
   leaveRoot();
   limitProcess(limits);
   if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) fail("no_new_privs");
-  return filterSystemCalls() ? "seccomp, rlimits" : "rlimits";
+  return filterSystemCalls(programs) ? "seccomp, rlimits" : "rlimits";
+}
+
+// The system counts all processes of a user, but for this limit it does not matter how
+// many there are.
+void forbidProcesses() { limit(RLIMIT_NPROC, 0); }
+
+}  // namespace
+
+std::string confineProcess(const Limits& limits) {
+  std::string confinement = confine(limits, Programs::kNone);
+  forbidProcesses();
+  return confinement;
+}
+
+HelperConfinement helperConfinement(const Limits& limits) {
+  return {[limits] { confine(limits, Programs::kMayBeStarted); },
+          [limits](uint64_t input_bytes) {
+            confineDocument(limits, input_bytes);
+            forbidProcesses();
+          }};
 }
 
 void confineDocument(const Limits& limits, uint64_t file_bytes) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "extract/helper_starter.h"
 #include "extract/limits.h"
 
 namespace tool {
@@ -17,5 +18,9 @@ std::string confineProcess(const Limits& limits);
 
 // What one document of `file_bytes` may take of the processor, of memory and of files.
 void confineDocument(const Limits& limits, uint64_t file_bytes);
+
+// The process that starts helper programs, and these: the same, but that it may start
+// programs, and they may not.
+HelperConfinement helperConfinement(const Limits& limits);
 
 }  // namespace tool

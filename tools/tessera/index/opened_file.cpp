@@ -73,7 +73,7 @@ std::string describe(const Limits& limits) {
 // What chance or load may have brought about is tried again.
 bool wouldComeAgain(const Verdict& verdict) {
   return verdict.reason != Reason::kCrashed && verdict.reason != Reason::kUnreadable &&
-         verdict.reason != Reason::kTimeLimit;
+         verdict.reason != Reason::kTimeLimit && verdict.reason != Reason::kProcessLimit;
 }
 
 bool isTheSame(const FileEntry& known, const FileEntry& now) {

@@ -3,8 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,21 +13,21 @@
 #include <new>
 
 #include "extract/descriptor.h"
+#include "extract/helper_starter.h"
 
 namespace tool {
 
 namespace {
 
 constexpr size_t kErrorBytes = 4096;
-constexpr int kNotStarted = 127;  // exit status, as shells have it
 
 struct Pipe {
   Descriptor read;
   Descriptor write;
 };
 
-[[noreturn]] void failToStart(const std::string& program) {
-  if (errno == ENOMEM) throw std::bad_alloc();
+[[noreturn]] void failToStart(const std::string& program, int error = errno) {
+  if (error == ENOMEM) throw std::bad_alloc();
   throw NotInspected(Reason::kUnsupported, "cannot start " + program);
 }
 
@@ -51,27 +49,6 @@ Descriptor fileWith(std::string_view content, const std::string& program) {
   }
   if (lseek(file.get(), 0, SEEK_SET) != 0) failToStart(program);
   return file;
-}
-
-// Never returns. Between fork and exec: only what is safe there.
-[[noreturn]] void becomeProgram(char* const* arguments, int in, int out, int err, unsigned seconds,
-                                pid_t extractor) {
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != extractor) _exit(kNotStarted);  // it has died before that
-  if (dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(kNotStarted);
-  close_range(3, ~0U, 0);
-  // The extractor may not send signals: the program carries its own end with it.
-  alarm(seconds);
-  execvp(arguments[0], arguments);
-  _exit(kNotStarted);
-}
-
-// Reaps the program. It cannot outlive its alarm by much, nor write to closed pipes.
-int exitStatus(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
 }
 
 // False at the end of the pipe. What is beyond `limit` is read and dropped.
@@ -111,19 +88,7 @@ HelperResult runHelper(const std::vector<std::string>& command, std::string_view
   const Descriptor in = fileWith(input, program);
   Pipe out = makePipe(program);
   Pipe err = makePipe(program);
-  std::vector<char*> arguments;
-  for (const std::string& argument : command) {
-    arguments.push_back(const_cast<char*>(argument.c_str()));
-  }
-  arguments.push_back(nullptr);
-
-  const unsigned seconds = document.secondsLeft();
-  const pid_t extractor = getpid();
-  const pid_t child = fork();
-  if (child < 0) failToStart(program);
-  if (child == 0) {
-    becomeProgram(arguments.data(), in.get(), out.write.get(), err.write.get(), seconds, extractor);
-  }
+  startProgram(command, in.get(), out.write.get(), err.write.get(), document.secondsLeft());
   out.write.reset();
   err.write.reset();
 
@@ -131,11 +96,14 @@ HelperResult runHelper(const std::vector<std::string>& command, std::string_view
   try {
     gather(std::move(out.read), std::move(err.read), document, &result);
   } catch (...) {
-    exitStatus(child);
+    awaitProgram();  // it cannot outlive its alarm by much, nor write to closed pipes
     throw;
   }
-  result.exit_status = exitStatus(child);
-  if (result.exit_status == kNotStarted) {
+  const ProgramEnd end = awaitProgram();
+  if (end.error == EAGAIN) throw NotInspected(Reason::kProcessLimit, "no process for " + program);
+  if (end.error != 0) failToStart(program, end.error);
+  result.exit_status = end.exit_status;
+  if (result.exit_status == kNoSuchProgram) {
     throw NotInspected(Reason::kUnsupported, program + " is not installed");
   }
   if (result.exit_status == 128 + SIGALRM || result.exit_status == 128 + SIGXCPU) {

@@ -1,6 +1,6 @@
 // Runs a program that turns a document into text: pdftotext, catdoc, xls2csv. It gets the
 // document on its standard input, which is a file in memory that it may also open by
-// name, and inherits everything that confines the extractor.
+// name, and is held like the extractor (helper_starter.h).
 // Tests: tests/tool/helper_program_test.cpp.
 #pragma once
 
@@ -22,9 +22,9 @@ struct HelperResult {
 };
 
 // command[0] is searched for in the PATH. Throws NotInspected: when there is no such
-// program (kUnsupported), when it takes longer than the document may (kTimeLimit), when
-// it writes more than limits().total_bytes (kSizeLimit). The exit status is the caller's
-// to judge.
+// program (kUnsupported) or no process for it (kProcessLimit), when it takes longer than the
+// document may (kTimeLimit), when it writes more than limits().total_bytes (kSizeLimit). The exit
+// status is the caller's to judge.
 HelperResult runHelper(const std::vector<std::string>& command, std::string_view input,
                        const Document& document);
 
