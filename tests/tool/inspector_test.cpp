@@ -418,7 +418,7 @@ TEST_P(HostileExtractorTest, WhatItHasStartedEndsWithIt) {
   settings_.extractor = dir_.path(program);
   expectLast("die-but-for-a-child", Reason::kCrashed);
   usleep(100'000);
-  EXPECT_FALSE(isRunning(program));
+  EXPECT_FALSE(isRunning(program, "no command line"));
 }
 
 // One that fails to start in them later must not lead to extractors that are held less.
