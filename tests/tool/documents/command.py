@@ -109,13 +109,6 @@ def processes():
             continue  # it has just ended
 
 
-def run(self):
-        while not self.over.wait(0.02):
-            held = self.members()
-            self.memory = max(self.memory, sum(held.values()))
-            self.processes = max(self.processes, len(held))
-
-
 def run(*arguments, home, cwd=None, timeout=300, data=None):
     """Runs the command and watches it and what it starts."""
     begun = time.monotonic()

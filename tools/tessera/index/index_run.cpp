@@ -22,8 +22,6 @@ namespace {
 constexpr size_t kBatchFiles = 64;
 constexpr size_t kBatchBytes = 4 << 20;  // of signatures
 
-unsigned processors() { return std::max(1u, std::thread::hardware_concurrency()); }
-
 size_t signatureBytes(const FileChange& change) {
   size_t bytes = 0;
   for (const NewDocument& document : change.documents) {
@@ -63,7 +61,7 @@ std::string summary(const IndexCounts& counts) {
 
 IndexRun::IndexRun(const CommonOptions& common, const IndexOptions& options, Store* store)
     : store_(store),
-      jobs_(options.inspect.jobs ? options.inspect.jobs : processors()),
+      jobs_(options.inspect.jobs ? options.inspect.jobs : std::thread::hardware_concurrency()),
       opener_({options.inspect.limits, options.selection, options.label}),
       progress_(common.progress) {}
 

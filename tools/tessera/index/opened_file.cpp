@@ -14,26 +14,11 @@
 #include <memory>
 #include <new>
 
+#include "extract/descriptor.h"
+
 namespace tool {
 
 namespace {
-
-class Descriptor {
- public:
-  // A pipe that took the place of the file must not hold up the run.
-  explicit Descriptor(const std::string& path)
-      : value_(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {}
-  ~Descriptor() {
-    if (value_ >= 0) ::close(value_);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int get() const { return value_; }
-
- private:
-  const int value_;
-};
 
 // Null: errno says why.
 const char* whyNotReadable(int file) {
@@ -113,7 +98,8 @@ OpenedFile FileOpener::open(
   file.when = std::time(nullptr);
   file.opened_by = opened_by_;
 
-  const Descriptor descriptor(path);
+  // A pipe that took the place of the file must not hold up the run.
+  const Descriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (const char* reason = whyNotReadable(descriptor.get())) {
     opened.problem = reason;
   } else if (!hashFile(descriptor.get(), &file.size, &file.sha256)) {

@@ -23,8 +23,6 @@ namespace tool {
 
 namespace {
 
-constexpr int64_t kRootFileId = -1;  // the library's own document in every index
-
 std::mutex log_mutex;
 std::vector<std::string> log_lines;  // guarded by log_mutex; the texts alone
 

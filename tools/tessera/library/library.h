@@ -16,6 +16,8 @@
 
 namespace tool {
 
+inline constexpr int64_t kRootFileId = -1;  // the library's own document in every index
+
 struct Match {
   int64_t file_id;
   int level;      // 0, 1 or 2

@@ -11,6 +11,7 @@
 
 #include "cli/names.h"
 #include "failure.h"
+#include "library/library.h"
 
 namespace fs = std::filesystem;
 
@@ -19,8 +20,6 @@ namespace tool {
 namespace {
 
 static_assert(std::endian::native == std::endian::little, "numbers are read as they stand");
-
-constexpr int64_t kRootFileId = -1;  // the library's own document in every index
 
 struct Posting {
   Signature signature;
