@@ -59,7 +59,7 @@ def overwrite(chance, data, _):
 
 
 def cut(chance, data, _):
-    del data[chance.randrange(1, len(data)) :]
+    del data[chance.randrange(len(data)) :]
 
 
 def remove(chance, data, _):
