@@ -34,6 +34,22 @@ def baseline():
     return files[0], re.fullmatch(r"libtessera-(.+)\.abi", files[0].name)[1]
 
 
+def description(library):
+    """The ABI of a library. Without debug information it would be its symbols only, and
+    a change of a type would go unseen."""
+    text = subprocess.run(
+        ["abidw", "--no-show-locs", "--no-comp-dir-path", "--no-corpus-path",
+         "--exported-interfaces-only", "--type-id-style", "hash", library],
+        check=True, capture_output=True, text=True).stdout
+    symbols = set(re.findall(r"<elf-symbol name='(\w+)'", text))
+    for aliases in re.findall(r"<elf-symbol .* alias='([\w,]+)'", text):
+        symbols -= set(aliases.split(","))
+    symbols -= set(re.findall(r"<function-decl .*elf-symbol-id='(\w+)", text))
+    if symbols or "<function-decl" not in text:
+        sys.exit(f"{library} has no debug information of {', '.join(sorted(symbols))}")
+    return text
+
+
 def abidiff(*arguments):
     done = subprocess.run(["abidiff", *map(str, arguments)], capture_output=True, text=True)
     if done.returncode & FAILED or done.returncode < 0:
@@ -74,6 +90,7 @@ def is_unreleased(version, changes):
 
 def check(library, version):
     released, release = baseline()
+    description(library)
     kind, report = change(released, library)
     print(f"{report}{kind}, from {release} to {version}")
     if not allowed(kind, release, version):
@@ -90,12 +107,7 @@ def release_abi(library, version, changelog):
         if is_unreleased(version, changes):
             sys.exit(f"{changelog} calls {version} unreleased; the ABI to keep to is that of "
                      f"{release}.")
-    written = subprocess.run(
-        ["abidw", "--no-show-locs", "--no-comp-dir-path", "--no-corpus-path",
-         "--exported-interfaces-only", "--type-id-style", "hash", library],
-        check=True, capture_output=True, text=True).stdout
-    if "<function-decl" not in written:
-        sys.exit(f"{library} has no debug information")
+    written = description(library)
     released.unlink()
     (HERE / f"libtessera-{version}.abi").write_text(written)
 

@@ -26,17 +26,16 @@ class AbiTest(unittest.TestCase):
         self.addCleanup(directory.cleanup)
         self.directory = Path(directory.name)
 
-    def library(self, source, soname="libx.so.1"):
+    def library(self, source, soname="libx.so.1", debug="-g"):
         library = self.directory / "libx.so"
-        subprocess.run([COMPILER, "-g", "-shared", "-fPIC", "-xc", "-", f"-Wl,-soname,{soname}",
+        subprocess.run([COMPILER, debug, "-shared", "-fPIC", "-xc", "-", f"-Wl,-soname,{soname}",
                         "-o", library], input=source, text=True, check=True)
         return library
 
     def kind(self, old, new, soname="libx.so.1"):
         self.assertIn(old, SOURCE)
         released = self.directory / "released.abi"
-        released.write_text(subprocess.run(["abidw", self.library(SOURCE)], check=True,
-                                           capture_output=True, text=True).stdout)
+        released.write_text(abi.description(self.library(SOURCE)))
         return abi.change(released, self.library(SOURCE.replace(old, new), soname))[0]
 
     def test_another_body_or_name_of_a_parameter_is_no_change(self):
@@ -74,6 +73,10 @@ class AbiTest(unittest.TestCase):
 
     def test_another_soname_is_a_break(self):
         self.assertEqual(abi.BROKEN, self.kind("level", "level", soname="libx.so.2"))
+
+    def test_a_library_without_debug_information_is_no_witness(self):
+        with self.assertRaises(SystemExit):
+            abi.description(self.library(SOURCE, debug="-g0"))
 
     def test_versions_that_a_change_may_have(self):
         for kind, patch, minor, major in [(abi.NOTHING, True, True, True),
