@@ -3,7 +3,8 @@
 // one, another process rebuilds the index in the other, and then the matcher
 // changes over. No query is lost, and none is answered from half of each.
 //
-//   c++ -std=c++20 -pthread blue_green_matcher.cpp -ltessera -o blue_green_matcher
+//   flags=$(pkg-config --cflags --libs tessera)
+//   c++ -std=c++20 -pthread blue_green_matcher.cpp $flags -o blue_green_matcher
 //
 //   blue_green_matcher index blue 100 FILE...   documents 100, 101, ...
 //   blue_green_matcher match blue               takes requests from its input,

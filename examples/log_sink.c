@@ -2,8 +2,8 @@
  * lines on stderr, filtered by severity. Only the static library has log sinks,
  * and since it is C++ inside, the C++ compiler links:
  *
- *   cc -c log_sink.c
- *   c++ log_sink.o -l:libtessera.a -pthread -o log_sink
+ *   cc -c log_sink.c $(pkg-config --cflags tessera)
+ *   c++ log_sink.o $(pkg-config --libs-only-L tessera) -l:libtessera.a -pthread -o log_sink
  *
  * `log_sink` tells errors, `log_sink info` tells everything. Run in a directory
  * without an index it prints, on one line each,

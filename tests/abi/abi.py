@@ -81,7 +81,7 @@ def refusal(kind, release, version):
     needed = {NOTHING: "no lower version", ADDED: "another minor version",
               BROKEN: "another major version"}[kind]
     return (f"The ABI since {release}: {kind}. That needs {needed} than {release}; "
-            f"this is {version} (docs/testing.md, ABI).")
+            f"this is {version} (CONTRIBUTING.md, Versions).")
 
 
 def is_unreleased(version, changes):
