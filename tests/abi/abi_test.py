@@ -21,22 +21,24 @@ int second(unsigned char (*list)[8], unsigned int bytes) { return list[0][0] + (
 
 
 class AbiTest(unittest.TestCase):
-    def setUp(self):
+    @classmethod
+    def setUpClass(cls):
         directory = tempfile.TemporaryDirectory(prefix="tessera_abi_")
-        self.addCleanup(directory.cleanup)
-        self.directory = Path(directory.name)
+        cls.addClassCleanup(directory.cleanup)
+        cls.directory = Path(directory.name)
+        cls.released = cls.directory / "released.abi"
+        cls.released.write_text(abi.description(cls.library(SOURCE)))
 
-    def library(self, source, soname="libx.so.1", debug="-g"):
-        library = self.directory / "libx.so"
+    @classmethod
+    def library(cls, source, soname="libx.so.1", debug="-g"):
+        library = cls.directory / "libx.so"
         subprocess.run([COMPILER, debug, "-shared", "-fPIC", "-xc", "-", f"-Wl,-soname,{soname}",
                         "-o", library], input=source, text=True, check=True)
         return library
 
     def kind(self, old, new, soname="libx.so.1"):
         self.assertIn(old, SOURCE)
-        released = self.directory / "released.abi"
-        released.write_text(abi.description(self.library(SOURCE)))
-        return abi.change(released, self.library(SOURCE.replace(old, new), soname))[0]
+        return abi.change(self.released, self.library(SOURCE.replace(old, new), soname))[0]
 
     def test_another_body_or_name_of_a_parameter_is_no_change(self):
         self.assertEqual(abi.NOTHING, self.kind("level + count", "level - count"))
