@@ -1,10 +1,11 @@
 /* Indexes two confidential texts and asks which of them an outgoing message
  * quotes. Build it with
  *
- *   cc index_and_match.c -ltessera
+ *   cc index_and_match.c $(pkg-config --cflags --libs tessera) -o index_and_match
  *
  * and run it in a directory of its own: the library keeps its index in
  * "sig_index_DB" and its settings in "index_sys_config.txt" there. */
+#include <inttypes.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -44,16 +45,36 @@ static char message[] =
     "April. The works council hears of it on Monday, and nobody speaks of it before. So not a "
     "word to anyone. See you at lunch, Anna";
 
-/* Puts the signatures of a text into the open index. */
+/* Tells which call failed, and whether one did. */
+static int failed(int status, const char* call) {
+  if (status != 0) fprintf(stderr, "index_and_match: %s returned %d\n", call, status);
+  return status != 0;
+}
+
+/* Puts the signatures of a text into the open index. A text of less than 61 letters
+ * and digits has none, and is refused. */
 static int add(int64_t file_id, char* text) {
   unsigned char(*signatures)[8];
   int count;
-  int failed;
+  int status;
 
-  if (GenerateSignature4Text(text, (int)strlen(text), &signatures, &count) != 0) return 1;
-  failed = AddDocSignature(file_id, signatures, count);
+  status = GenerateSignature4Text(text, (int)strlen(text), &signatures, &count);
+  if (failed(status, "GenerateSignature4Text")) return 1;
+  status = AddDocSignature(file_id, signatures, count);
   FreeSignature(signatures);
-  return failed;
+  return failed(status, "AddDocSignature");
+}
+
+/* Builds the index, or adds to one that is there. */
+static int index_documents(void) {
+  int faults = 0;
+
+  if (failed(InitIndexSystem(), "InitIndexSystem")) return 1;
+  faults += add(1, contract);
+  faults += add(2, minutes);
+  /* Writes what was added, and the tables that matching loads. */
+  faults += failed(ExitIndexSystem(), "ExitIndexSystem");
+  return faults;
 }
 
 /* Prints the documents that share passages with a text. */
@@ -67,37 +88,41 @@ static int report(char* text) {
   _DLPSigMatchRet none;
   _DLPSigMatchRet* matches = &none;
   int match_count;
+  int status;
   int i;
 
-  if (GenerateSignature4Text(text, length, &signatures, &count) != 0) return 1;
-  if (MatchSignature(signatures, count, length, &matches, &match_count) != 0) {
-    FreeSignature(signatures);
-    return 1;
+  status = GenerateSignature4Text(text, length, &signatures, &count);
+  if (failed(status, "GenerateSignature4Text")) return 1;
+  if (count == 0) { /* too short to have signatures, which matches nothing */
+    printf("no document\n");
+    return 0;
   }
+  status = MatchSignature(signatures, count, length, &matches, &match_count);
+  FreeSignature(signatures);
+  if (failed(status, "MatchSignature")) return 1;
   for (i = 0; i < match_count; ++i) {
-    printf("document %d: %s\n", (int)matches[i].fileID, levels[matches[i].match_level]);
+    printf("document %" PRId64 ": %s\n", matches[i].fileID, levels[matches[i].match_level]);
   }
   if (match_count == 0) printf("no document\n");
   FreeSigMatchRet(matches);
-  FreeSignature(signatures);
   return 0;
 }
 
+static int match_message(void) {
+  int faults;
+
+  if (failed(InitMatchSystem(), "InitMatchSystem")) return 1;
+  faults = report(message);
+  return faults + failed(ExitMatchSystem(), "ExitMatchSystem");
+}
+
 int main(void) {
-  int failed = 0;
+  int faults;
 
   /* The generator first: it creates the settings file that the others read. */
-  if (InitSignatureGenerator(TESSERA_CLIENT) != 0) return 1;
-
-  if (InitIndexSystem() != 0) return 1;
-  failed |= add(1, contract);
-  failed |= add(2, minutes);
-  failed |= ExitIndexSystem(); /* writes the tables that matching loads */
-
-  if (InitMatchSystem() != 0) return 1;
-  failed |= report(message);
-  failed |= ExitMatchSystem();
-
-  failed |= ExitSignatureGenerator();
-  return failed;
+  if (failed(InitSignatureGenerator(TESSERA_CLIENT), "InitSignatureGenerator")) return 1;
+  faults = index_documents();
+  if (faults == 0) faults = match_message();
+  faults += failed(ExitSignatureGenerator(), "ExitSignatureGenerator");
+  return faults != 0;
 }

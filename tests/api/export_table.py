@@ -2,9 +2,9 @@
 """The built library exports the fifteen functions and nothing else, and needs
 nothing but the system.
 
-export_table.py LIBRARY NM OBJDUMP [--any-dependency]: the library, and the
-build's own tools to look into it. A sanitizer brings a runtime of its own, which
---any-dependency tolerates.
+export_table.py LIBRARY NAME NM OBJDUMP [--any-dependency]: the library, the name by
+which it is to be loaded, and the build's own tools to look into it. A sanitizer brings
+a runtime of its own, which --any-dependency tolerates.
 """
 import re
 import subprocess
@@ -47,7 +47,7 @@ def posix_facts(library, nm, objdump):
     needed = set(re.findall(r"NEEDED\s+(\S+)", headers))
     needed = {name for name in needed if not POSIX_LOADERS.fullmatch(name)}
     own_name = re.findall(r"SONAME\s+(\S+)", headers)
-    return exported, needed - POSIX_LIBRARIES, own_name, ["libtessera.so.1"]
+    return exported, needed - POSIX_LIBRARIES, own_name
 
 
 def windows_facts(library, objdump):
@@ -58,21 +58,21 @@ def windows_facts(library, objdump):
         exported.add("something without a name")
     needed = {name.lower() for name in re.findall(r"DLL Name:\s+(\S+)", headers)}
     own_name = re.findall(r"^Name\s+\S+\s+(\S+)", headers, re.M)
-    return exported, needed - WINDOWS_LIBRARIES, own_name, ["tessera.dll"]
+    return exported, needed - WINDOWS_LIBRARIES, own_name
 
 
 def main():
-    library, nm, objdump = sys.argv[1:4]
+    library, expected_name, nm, objdump = sys.argv[1:5]
     any_dependency = "--any-dependency" in sys.argv
     if library.endswith(".dll"):
-        exported, strangers, own_name, expected_name = windows_facts(library, objdump)
+        exported, strangers, own_name = windows_facts(library, objdump)
     else:
-        exported, strangers, own_name, expected_name = posix_facts(library, nm, objdump)
+        exported, strangers, own_name = posix_facts(library, nm, objdump)
     faults = [f"{name} is not exported" for name in sorted(NAMES - exported)]
     faults += [f"{name} is exported" for name in sorted(exported - NAMES)]
     if not any_dependency:
         faults += [f"{name} is needed" for name in sorted(strangers)]
-    if own_name != expected_name:
+    if own_name != [expected_name]:
         faults.append(f"the library calls itself {own_name}, not {expected_name}")
     sys.exit("\n".join(faults) or 0)
 
