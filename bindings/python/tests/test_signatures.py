@@ -156,15 +156,15 @@ def test_failing_calls_tell_their_function_and_status(monkeypatch):
     assert "memory" in str(caught.value)
 
 
-def test_a_generator_that_cannot_be_set_up_is_set_up_by_the_next_call(monkeypatch):
-    other = {"platform": Platform.SERVER, "max_content_size": 3 << 20}
-    expected = signatures(TEXTS[0], platform=Platform.SERVER)
-    signatures("", platform=Platform.CLIENT)
+@pytest.mark.parametrize("afterwards", Platform)
+def test_a_generator_that_cannot_be_set_up_is_set_up_by_the_next_call(monkeypatch, afterwards):
+    expected = signatures(TEXTS[0], platform=afterwards)
+    signatures(TEXTS[0], platform=Platform.CLIENT)
     with monkeypatch.context() as patch:
         patch.setattr(_signatures.library, "InitSignatureGenerator", lambda _: 1)
         with pytest.raises(tessera.SystemStateError, match="InitSignatureGenerator returned 1"):
-            signatures(TEXTS[0], **other)
-    assert signatures(TEXTS[0], **other) == expected
+            signatures(TEXTS[0], platform=Platform.SERVER)
+    assert signatures(TEXTS[0], platform=afterwards) == expected
 
 
 def test_threads_with_different_settings_each_get_their_own():

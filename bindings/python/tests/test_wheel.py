@@ -27,13 +27,12 @@ def wheel():
 
 
 def build(directory, library=LIBRARY, **environment):
-    """Builds a wheel as the build does; its one file."""
+    """Builds a wheel as the build does; the newest file."""
     subprocess.run(
         [sys.executable, ROOT / "bindings/python/build_wheel.py", VERSION, library, directory],
         check=True, cwd="/", capture_output=True, env={**os.environ, **environment},
     )
-    (made,) = Path(directory).glob("*.whl")
-    return made
+    return max(Path(directory).iterdir(), key=os.path.getmtime)
 
 
 def test_the_version_is_that_of_the_library(wheel):
@@ -111,11 +110,17 @@ def test_a_windows_library_gives_a_windows_wheel(tmp_path):
         assert "tessera/libtessera.so" not in files.namelist()
 
 
+def test_a_library_that_is_not_built_yet_is_told(tmp_path, capsys):
+    build_wheel.main(VERSION, str(tmp_path / "tessera.dll"), str(tmp_path))
+    assert capsys.readouterr().out == f"No {tmp_path}/tessera.dll, so no wheel of it\n"
+    assert list(tmp_path.iterdir()) == []
+
+
 def test_a_wheel_of_another_kind_stays_and_an_older_one_goes(tmp_path):
     for name in ("tessera-0.9.0-py3-none-manylinux_2_17_x86_64.whl",
                  "tessera-0.9.0-py3-none-win_amd64.whl"):
         (tmp_path / name).touch()
-    build_wheel.main(VERSION, str(LIBRARY), str(tmp_path))
+    build(tmp_path)
     left = {path.name.split("-")[1]: path.name.split("-")[-1][:5] for path in tmp_path.iterdir()}
     assert left == {VERSION: "manyl", "0.9.0": "win_a"}
 
