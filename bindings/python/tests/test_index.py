@@ -401,6 +401,7 @@ with tessera.Index(sys.argv[1]) as index:
             pass
         sys.exit()  # through the end of the block and the end of the interpreter
     assert os.waitpid(child, 0)[1] == 0
+    assert not os.path.exists(os.path.join(sys.argv[1], "sig_index_DB/search_table.stbl"))
     index.add(3, [b"12345678"])
 print("done")
 """, home) == "done\n"
