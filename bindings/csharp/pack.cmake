@@ -5,7 +5,7 @@ file(REMOVE_RECURSE ${STAGE})
 file(COPY ${BUILT}/Tessera.Net.dll ${BUILT}/Tessera.Net.xml ${BUILT}/Tessera.Net.dll.config
      DESTINATION ${STAGE}/lib)
 file(COPY ${BUILT}/libtessera.so.1 DESTINATION ${STAGE}/native/linux-x64)
-if(EXISTS ${WINDOWS_LIBRARY})
+if(WINDOWS_LIBRARY)
   file(COPY ${WINDOWS_LIBRARY} DESTINATION ${STAGE}/native/win-x64)
 endif()
 file(COPY ${SOURCE}/src ${SOURCE}/example ${SOURCE}/README.md ${SOURCE}/Tessera.Net.csproj
