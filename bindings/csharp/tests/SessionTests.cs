@@ -178,6 +178,20 @@ public class SessionTests : HomeTest
         }
     }
 
+    public void EveryResultIsFreed()
+    {
+        Signature[] list = Generator.BinarySignatures(new byte[] { 1, 2, 3 });
+        using (var index = new IndexSession(Home))
+        {
+            for (int i = 0; i < 500; ++i) index.Add(i, list);
+        }
+        using (var session = new MatchSession(Home))
+        {
+            Expect.Equal(500, session.Match(list).Length);
+            Memory.StaysWhen(4000, () => session.Match(list));  // 8 KB each
+        }
+    }
+
     public void AHomeWithoutAnIndexCannotBeMatched()
     {
         Expect.Equal(1, Expect.Throws<TesseraException>(() => new MatchSession(Home)).Status);

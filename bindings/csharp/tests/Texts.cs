@@ -1,4 +1,6 @@
-// Texts that look written, the same on every run.
+// Texts that look written, the same on every run; and what memory a loop leaves behind.
+using System;
+using System.IO;
 using System.Text;
 
 public static class Texts
@@ -21,5 +23,25 @@ public static class Texts
             text.Append(i % 12 == 11 ? ".\n" : " ");
         }
         return text.ToString();
+    }
+}
+
+public static class Memory
+{
+    /// <summary>Fails when an action that is repeated leaves more than 8 MiB of memory.</summary>
+    public static void StaysWhen(int times, Action action)
+    {
+        for (int i = 0; i < times / 5; ++i) action();  // what a first use needs
+        GC.Collect();
+        long before = Resident();
+        for (int i = 0; i < times; ++i) action();
+        GC.Collect();
+        long grown = Resident() - before;
+        Expect.True(grown < 8 << 20, times + " times left " + grown + " bytes");
+    }
+
+    private static long Resident()
+    {
+        return long.Parse(File.ReadAllText("/proc/self/statm").Split(' ')[1]) * Environment.SystemPageSize;
     }
 }

@@ -8,7 +8,7 @@ const path = require('node:path');
 const { test } = require('node:test');
 const { IndexSession, MatchLevel, MatchSession, TesseraError, binarySignatures, signatures,
         signaturesAsync } = require('tessera');
-const { prose, temporary } = require('./texts');
+const { prose, staysWhen, temporary } = require('./texts');
 
 const texts = Array.from({ length: 8 }, (_, i) => prose(1200, 100 + i));
 
@@ -156,6 +156,18 @@ test('an image is found by its exact bytes', (t) => {
   within(new MatchSession(home), (session) => {
     assert.equal(told(session.match(binarySignatures(image))), '9:2');
     assert.equal(told(session.match(binarySignatures(image.subarray(1)))), '');
+  });
+});
+
+test('every result is freed', (t) => {
+  const home = temporary(t);
+  const list = binarySignatures(Buffer.from('123'));
+  within(new IndexSession(home), (session) => {
+    for (let i = 0; i < 500; ++i) session.add(i, list);
+  });
+  within(new MatchSession(home), (session) => {
+    assert.equal(session.match(list).length, 500);
+    staysWhen(4000, () => session.match(list));  // 8 KB each
   });
 });
 

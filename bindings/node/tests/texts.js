@@ -1,6 +1,8 @@
-// Texts that look written, the same on every run, and directories for the tests.
+// Texts that look written, the same on every run; directories for the tests; and what memory a loop
+// leaves behind.
 'use strict';
 
+const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
@@ -28,4 +30,13 @@ function temporary(t) {
   return directory;
 }
 
-module.exports = { prose, temporary };
+/** Fails when something that is repeated leaves more than 8 MiB of memory. */
+function staysWhen(times, action) {
+  for (let i = 0; i < times / 3; ++i) action();  // what a first use needs
+  const before = process.memoryUsage().rss;
+  for (let i = 0; i < times; ++i) action();
+  const grown = process.memoryUsage().rss - before;
+  assert.ok(grown < 8 << 20, `${times} times left ${grown} bytes`);
+}
+
+module.exports = { prose, staysWhen, temporary };
