@@ -28,7 +28,8 @@ const DECLARATIONS = [
   'int ExitMatchSystem()',
 ];
 
-// More calls at once only wait for a thread of Node's pool, which has four unless told otherwise.
+// More calls at once only wait for a thread of Node's pool, which has four unless told otherwise, and
+// koffi refuses more than 256. (It gives each a stack of 128 KiB, of which the library needs 16.)
 const CALLS_AT_ONCE = 16;
 let running = 0;
 const waiting = [];

@@ -317,6 +317,20 @@ test('closing waits for asynchronous calls, or says that it cannot', async (t) =
   new MatchSession(home).close();
 });
 
+test('closing saves the additions that run', async (t) => {
+  const home = temporary(t);
+  const lists = texts.map((text) => signatures(text));
+  for (let round = 0; round < 10; ++round) {
+    const session = new IndexSession(home);
+    session.delete(lists.map((_, i) => i));
+    const additions = lists.map((list, i) => session.addAsync(i, list));
+    await Promise.all([session.closeAsync(), ...additions]);
+  }
+  within(new MatchSession(home), (session) => {
+    assert.deepEqual(lists.map((list) => told(session.match(list))), lists.map((_, i) => `${i}:2`));
+  });
+});
+
 test('sessions can be disposed of where the language has it', { skip: !Symbol.asyncDispose }, async (t) => {
   const home = temporary(t);
   const session = new IndexSession(home);
