@@ -133,6 +133,10 @@ namespace Tessera
             {
                 return null;
             }
+            catch (UnauthorizedAccessException)
+            {
+                return null;
+            }
         }
     }
 }
