@@ -4,9 +4,9 @@
 usage: build_wheel.py VERSION LIBRARY OUTPUT_DIRECTORY [UNPACKED_DIRECTORY]
 
 The library, an ELF or a Windows file, decides for which systems the wheel is: on Linux, for
-those whose C library has the versions of symbols that it asks for. Older wheels for the same
-kind of system are removed from the output directory. The unpacked directory gets what pip
-would install.
+those whose C library has the versions of symbols that it asks for. When it is not built yet,
+that is said and no wheel made. Older wheels for the same kind of system are removed from the
+output directory. The unpacked directory gets what pip would install.
 
 The same sources and the same library give the same bytes: the order of the files is fixed,
 and their time is SOURCE_DATE_EPOCH, or the earliest that the format has.
@@ -107,6 +107,9 @@ def write_wheel(path: Path, files: Dict[str, bytes]) -> None:
 
 
 def main(version: str, library: str, output: str, unpacked: str = "") -> None:
+    if not Path(library).exists():
+        print(f"No {library}, so no wheel of it")
+        return
     os.environ.setdefault("SOURCE_DATE_EPOCH", "315532800")
     try:
         tag = platform_tag(Path(library))

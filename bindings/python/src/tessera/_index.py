@@ -48,9 +48,9 @@ class Index(Session):
 
     Current directory: the library finds a home only in the process's current directory. So
     during a call, and only then, the current directory is the home. Calls for the same home
-    run side by side, those for another one wait. Threads that do not call this package should
-    not use relative names meanwhile, and must not change the directory. The home must stay
-    where it is.
+    run side by side, those for another one wait. Relative names that other threads use
+    meanwhile lead into the home, so threads should use absolute names; they must not change
+    the directory. The home must stay where it is.
 
     Raises AlreadyOpenError when an index is open, OSError when the home cannot be entered or
     made, and SystemStateError when another process has the index open, the configuration is

@@ -63,9 +63,8 @@ class Matcher(Session):
         super().__init__(home)
 
     def match(self, signatures: Iterable[bytes], *, graded: bool = True) -> List[Match]:
-        """The documents that share signatures with a query, in ascending order of the low 32
-        bits of their numbers, taken as signed. Nothing in common, or no signatures: an empty
-        list.
+        """The documents that share signatures with a query, by ascending numbers. Nothing in
+        common, or no signatures: an empty list.
 
         signatures: of the query, 8 bytes each, in any order; a repeated one counts again
         graded:     False gives every match the level STRONG

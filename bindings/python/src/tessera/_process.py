@@ -89,23 +89,24 @@ class _CurrentDirectory:
     """
 
     def __init__(self) -> None:
-        self._home = ""
+        self._home: Optional[os.stat_result] = None
         self._before: Union[int, str, None] = None
 
     def enter(self, home: str) -> None:
         before = _here()
         try:
             os.chdir(home)
+            self._home = os.stat(os.curdir)
         except BaseException:
             _forget(before)
             raise
-        self._home, self._before = home, before
+        self._before = before
 
     def leave(self) -> None:
-        before, self._before = self._before, None
+        home, before, self._before = self._home, self._before, None
         # A place that is gone cannot be gone back to, which is no failure of the call.
         with contextlib.suppress(OSError):
-            if before is not None and os.path.samefile(os.curdir, self._home):
+            if home and before is not None and os.path.samestat(os.stat(os.curdir), home):
                 os.chdir(before)
         _forget(before)
 

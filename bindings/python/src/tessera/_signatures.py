@@ -48,9 +48,8 @@ class _Generator:
         # directory, where nobody wants it.
         with tempfile.TemporaryDirectory(prefix="tessera-") as nowhere:
             with directory.use(nowhere, alone=True):
-                if self._settings is not None:
-                    self._settings = None
-                    library.ExitSignatureGenerator()
+                self._settings = None
+                library.ExitSignatureGenerator()  # 1 when there is nothing to release
                 _require("InitSignatureGenerator", library.InitSignatureGenerator(platform))
                 self._settings = (platform, DEFAULT_CONTENT_SIZE)
                 _require("SetMaxContentSize", library.SetMaxContentSize(max_content_size))
@@ -84,7 +83,8 @@ def signatures(
     configuration file of a home has no effect on this function.
 
     Threads: any number of calls run side by side. A call with other settings than the one
-    before waits until the running ones have finished, and takes some milliseconds more.
+    before waits until the running calls of this package have finished, and takes some tens
+    of milliseconds more. So does the first call.
 
     Raises UnicodeEncodeError, a ValueError, for a str with lone surrogates (encode it
     yourself, with errors="surrogateescape" for a str that came from os.fsdecode), TypeError
