@@ -14,15 +14,21 @@ OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--n
 # Headless windows are not narrower than 500 pixels, but a frame in one may be.
 FRAME = ('<body style="margin:0"><iframe src="{page}" width="{width}" height="{height}" '
          'style="border:0"></iframe>')
+# Says so in the picture when a page is wider than its window.
+WATCH = """<script>addEventListener("load", () => {
+  if (document.documentElement.scrollWidth > innerWidth)
+    document.body.insertAdjacentHTML("afterbegin", "<h1 style='background:red'>TOO WIDE</h1>");
+})</script></body>"""
 # A page asks which colours its reader chose; these copies of pages know.
 CHOICE = 'localStorage.getItem("theme") || "auto"'
-SIZES = {"desk": (1280, 2200), "phone": (390, 2200)}
+SIZES = {"desk": (1440, 2200), "phone": (390, 2200)}
 
 
 def take(page, picture, size, theme, profile):
     width, height = size
     copy = page.with_name(f"{page.stem}.{theme}.html")
-    copy.write_text(page.read_text().replace(CHOICE, f'"{theme}"'))
+    text = page.read_text().replace(CHOICE, f'"{theme}"').replace("</body>", WATCH)
+    copy.write_text(text)
     frame = Path(profile) / "frame.html"
     frame.write_text(FRAME.format(page=copy.as_uri(), width=width, height=height))
     command = ["chromium", *OPTIONS, f"--user-data-dir={profile}",

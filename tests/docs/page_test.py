@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
 """Does what a page says, in one shell, from its first line to its last.
 
-A "console" block holds commands, behind "$ " and further lines behind "> ", and what they
-answer. Answers are compared
+A "console" block holds commands, behind "$ ", and what they answer. Answers are compared
 where some are shown: "..." stands for anything, alone in a line for any lines. A command has
 to succeed, but a match may find something (status 1). Any other block behind a line that ends
 with a name in backquotes and a colon is saved in a file of that name.
@@ -40,8 +39,8 @@ class Shell:
 def commands(text):
     """(command, answer) of a console block."""
     for piece in re.split(r"^\$ ", text, flags=re.MULTILINE)[1:]:
-        command = re.match(r"(?:.*\\\n)*.*\n(?:> .*\n)*", piece)[0]
-        yield re.sub(r"^> ", "", command.rstrip("\n"), flags=re.MULTILINE), piece[len(command):]
+        command = re.match(r"(?:.*\\\n)*.*\n", piece)[0]
+        yield command.rstrip("\n"), piece[len(command):]
 
 
 def fits(answer, output):
