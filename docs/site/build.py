@@ -39,6 +39,13 @@ def staged(path):
     return path if path.endswith(".md") else f"files/{path}.md"
 
 
+def replace(path, old, new):
+    text = path.read_text()
+    if old not in text:
+        sys.exit(f"{path}: nothing to replace: {old}")
+    path.write_text(text.replace(old, new))
+
+
 class Site:
     def __init__(self, output):
         self.source = output / "source"
@@ -122,29 +129,31 @@ class Site:
         self.stage("docs/index.md")
         self.write("index.md", (self.source / "index.md").read_text() + trees)
 
-    def bundle_scripts(self):
-        """The theme's script, as Debian has it, imports another one. Pages opened from a disk
-        may not, so both become one file."""
-        scripts = self.site / "_static/scripts"
-        theme = (scripts / "furo.js").read_text()
-        statement = 'import Gumshoe from "./gumshoe-patched.js";\n'
-        if statement in theme:
-            part = (scripts / "gumshoe-patched.js").read_text()
-            (scripts / "furo.js").write_text(f"{part}\n{theme.replace(statement, '')}")
+    def complete_theme(self):
+        """Debian keeps two parts of the theme apart, where a web server of a Debian system
+        finds them: a script that imports another one, and a style that imports the one that
+        evens browsers out. A site that may stand anywhere needs them inside."""
+        static = self.site / "_static"
+        replace(static / "scripts/furo.js", 'import Gumshoe from "./gumshoe-patched.js";\n',
+                (static / "scripts/gumshoe-patched.js").read_text())
+        shutil.copy("/usr/share/nodejs/normalize.css/normalize.css", static / "styles")
+        replace(static / "styles/furo.css", "url(/javascript/normalize.css/normalize.css)",
+                "url(normalize.css)")
 
     def build(self):
         for directory in (self.source, self.xml, self.site):
             shutil.rmtree(directory, ignore_errors=True)
         self.stage_reference()
         self.stage_home()
-        shutil.copy(ROOT / "docs/site/style.css", self.source)
+        for name in ("style.css", "icon.svg"):
+            shutil.copy(ROOT / "docs/site" / name, self.source)
         version = re.search(r"^project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(),
                             re.MULTILINE)[1]
         subprocess.run([sys.executable, "-m", "sphinx", "-q", "-W", "--keep-going", "-j", "2",
                         "-c", ROOT / "docs/site", "-d", self.source.parent / "doctrees",
                         "-D", f"release={version}", "-D", f"html_title=Tessera {version}",
                         self.source, self.site], check=True)
-        self.bundle_scripts()
+        self.complete_theme()
 
 
 if __name__ == "__main__":

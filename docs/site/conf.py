@@ -17,6 +17,7 @@ nitpicky = True
 
 html_theme = "furo"
 html_title = "Tessera"
+html_favicon = "icon.svg"
 html_static_path = ["style.css"]
 html_css_files = ["style.css"]
 html_show_sourcelink = False

@@ -54,6 +54,8 @@ class Drawing(unittest.TestCase):
                 self.assertEqual(sorted(wanted), sorted(re.findall(r"[^\W_]{2,}", " ".join(texts(svg)))),
                                  f"{page.name}:\n{source}")
                 self.assertIn("<rect", svg)
+                for word in " ".join(texts(svg)).split():
+                    self.assertNotRegex(word, r"^[-+|<>^v]+$", f"{page.name}: a line taken for words")
         self.assertGreater(count, 12)
 
     def test_no_page_draws_outside_a_diagram(self):

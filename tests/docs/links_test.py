@@ -51,8 +51,8 @@ def check_site(site):
             elif to in pages and unquote(anchor) not in pages[to].anchors:
                 yield f"{name}: no such anchor: {target}"
     for path in site.rglob("*.css"):
-        for target in re.findall(r"(?:url\(|@import )[\"']?([^\"')]+)", path.read_text()):
-            if external(target) and not target.startswith("data:"):
+        for target in re.findall(r"url\([\"']?([^\"')]+)", path.read_text()):
+            if not target.startswith("data:") and not (path.parent / target).is_file():
                 yield f"{path.relative_to(site)} loads {target}"
 
 
