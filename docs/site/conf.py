@@ -14,12 +14,14 @@ highlight_language = "text"
 copybutton_prompt_text = "$ "
 nitpick_ignore_regex = [("c:identifier", r"u?int\d+_t|size_t|va_list")]
 nitpicky = True
+smartquotes = False  # names and options stay as they are typed
 
 html_theme = "furo"
 html_title = "Tessera"
 html_favicon = "icon.svg"
 html_static_path = ["style.css"]
 html_css_files = ["style.css"]
+html_use_index = False  # the search finds names as well, and fits on a phone
 html_show_sourcelink = False
 html_copy_source = False
 html_show_copyright = False
