@@ -12,6 +12,7 @@ myst_enable_extensions = ["fieldlist"]
 myst_heading_anchors = 4
 highlight_language = "text"
 copybutton_prompt_text = "$ "
+copybutton_line_continuation_character = "\\"
 nitpick_ignore_regex = [("c:identifier", r"u?int\d+_t|size_t|va_list")]
 nitpicky = True
 smartquotes = False  # names and options stay as they are typed
