@@ -185,8 +185,9 @@ thread.start()
 inside.wait(30)
 child = os.fork()
 if child == 0:
-    with _process.directory.use(before):
-        os._exit(0 if os.getcwd() == before else 1)
+    back = os.getcwd() == before
+    with _process.directory.use(os.path.join(before, "home")):
+        os._exit(0 if back else 1)
 status = os.waitpid(child, 0)[1]
 go_on.set()
 thread.join()
