@@ -226,7 +226,8 @@ def test_minus_one_is_the_index_itself(home):
 
 @pytest.mark.parametrize("signatures, error", [
     ([], ValueError), ([b"1234567"], ValueError), ([b"12345678", b"123456789"], ValueError),
-    ([b""], ValueError), ([b"1234", b"5678"], ValueError), (b"12345678", TypeError), ("12345678", TypeError),
+    ([b""], ValueError), ([b"1234", b"5678"], ValueError),
+    (b"12345678", TypeError), ("12345678", TypeError),
     (["12345678"], TypeError), ([1, 2], TypeError), (None, TypeError), (5, TypeError),
 ])
 def test_no_signatures_and_false_ones_do_not_reach_the_library(home, signatures, error):

@@ -98,8 +98,8 @@ void TreeWatch::watch(const std::string& directory) {
       ::inotify_add_watch(descriptor_, directory.c_str(), kChanges | IN_ONLYDIR | IN_DONT_FOLLOW);
   if (watch_number < 0 && (errno == ENOSPC || errno == ENOMEM)) {
     throw Failure(
-        fmt::format("cannot watch {}: there are more directories than the system allows to "
-                    "watch\nThe limit is in /proc/sys/fs/inotify/max_user_watches.",
+        fmt::format("cannot watch {}: the system allows no more directories to be "
+                    "watched\nThe limit is in /proc/sys/fs/inotify/max_user_watches.",
                     shownName(directory)));
   }
   if (watch_number < 0) return;

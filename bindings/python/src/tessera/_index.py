@@ -80,8 +80,8 @@ class Index(Session):
         Raises PendingError when the document is pending already (nothing changes then; the
         replacement of a pending document needs a session of its own), ArgumentError for
         a number too far from the others, SystemStateError when the table has max_table_size,
-        or memory or the disk is full, NotOpenError, ValueError for -1, for no signatures and for some
-        that have not 8 bytes, and TypeError.
+        or memory or the disk is full, NotOpenError, ValueError for -1, for no signatures and
+        for some that have not 8 bytes, and TypeError.
         """
         number = _int64(file_id)
         if number == _ROOT:

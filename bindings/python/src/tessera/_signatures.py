@@ -1,12 +1,11 @@
 """Lists of signatures, between Python and the library. Tests: tests/test_signatures.py."""
 from __future__ import annotations
 
-import contextlib
 import ctypes
 import enum
 import operator
 import tempfile
-from typing import Any, Dict, Iterable, List, Optional, Tuple, Union
+from typing import Any, Iterable, List, Optional, Tuple, Union
 
 from ._library import library
 from ._process import Shared, call_in_child, directory
