@@ -66,6 +66,7 @@ Matcher::Matcher(const fs::path& home, const Settings& settings)
     fingerprinter_.emplace(Selection::kFull);
   }
   enterHome(home);
+  if (catalogue_) requireFinishedRun(home, *catalogue_);
   requireIndex(home);
   tables_.emplace(kIndexName, DirectoryLock::Kind::kShared);
   if (catalogue_) readCatalogue(home);
