@@ -5,6 +5,7 @@ import os
 import random
 import re
 import resource
+import shutil
 import signal
 import subprocess
 import unittest
@@ -376,6 +377,29 @@ class IndexTest(ToolTest):
         document.unlink()
         _, err = self.run_tool("index", "--prune", document, status=FAILED)
         self.assertIn("No such file or directory", err)
+        self.assertEqual([], self.rows())
+
+    def test_empty_and_missing_directories_are_not_pruned_unless_that_is_asked_for(self):
+        root = self.write("root/a.txt", text(1)).parent
+        mounted = self.write("root/mounted/deep/b.txt", text(2)).parent.parent
+        removed = self.write("root/removed/d.txt", text(4))
+        self.index()
+        shutil.rmtree(mounted)
+        mounted.mkdir()
+        shutil.rmtree(removed.parent)
+        out, err = self.run_tool("index", "--prune", root, mounted, status=FAILED)
+        self.assertIn("1 unchanged, 1 removed, 1 not pruned", out)
+        self.assertIn(f"a file below {mounted} not pruned: it is empty or gone", err)
+        self.assertEqual(2, len(self.rows()))
+        for hide in (lambda: shutil.rmtree(root), root.mkdir):
+            hide()
+            _, err = self.run_tool("index", "--prune", root, status=FAILED)
+            self.assertIn("not pruned: it is empty or gone", err)
+            self.assertIn("--prune-empty", err)
+            self.assertEqual({0}, {state for _, _, state in self.rows()})
+            self.assertEqual(2, len(self.rows()))
+        out, err = self.run_tool("index", "--prune-empty", root, status=DONE)
+        self.assertIn("2 removed", out)
         self.assertEqual([], self.rows())
 
     # Disks and settings that do not do their part.
