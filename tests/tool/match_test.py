@@ -143,6 +143,17 @@ class MatchTest(ToolTest):
 
     # Standard input.
 
+    def test_text_with_control_characters_in_it_is_found(self):
+        document = self.write("a.txt", text(1))
+        self.index()
+        words = text(1).encode().split()
+        query = self.write("../query", b"\1".join(words))
+        out, _ = self.run_tool("match", query, status=MATCHED)
+        self.assertIn(f"{query}!text\n  level 2  {document}", out)
+        self.assertIn("1 file, 2 documents: 1 matched, 1 as bytes only", out)
+        bytes_only, inside, _ = self.records(query)
+        self.assertEqual(("binary", "text"), (bytes_only["form"], inside["form"]))
+
     def test_standard_input_is_a_document(self):
         document = self.write("a.txt", text(1))
         self.index()
