@@ -2,12 +2,14 @@
 
 import fcntl
 import os
+import pathlib
 import random
 import re
 import resource
 import shutil
 import signal
 import subprocess
+import time
 import unittest
 import zipfile
 
@@ -227,6 +229,39 @@ class IndexTest(ToolTest):
         out, _ = self.index()
         self.assertIn(f"{101 - done} added", out)
 
+
+    def test_interrupt_gives_up_the_documents_that_are_being_opened(self):
+        for number in range(100):
+            self.write(f"{number}.txt", text(number, 300))
+        self.index(self.docs / "0.txt")
+        catalogue = self.held_catalogue()
+        process = self.start_tool("index", "--jobs", "1", self.docs)
+        wait_for(lambda: self.catches_interrupts(process) and self.descendants(process.pid))
+        wait_for(lambda: len(os.listdir(f"/proc/{process.pid}/task")) > 2)
+        time.sleep(1)  # the first batch waits for the catalogue, and the extractor for work
+        extractors = self.descendants(process.pid)
+        for extractor in extractors:
+            os.kill(extractor, signal.SIGSTOP)
+        catalogue.close()
+        wait_for(lambda: len(self.rows()) > 1)
+        self.assertIsNone(process.poll())
+        start = time.monotonic()
+        process.send_signal(signal.SIGINT)
+        _, err = process.communicate(timeout=60)
+        self.assertLess(time.monotonic() - start, 20)
+        self.assertEqual(FAILED, process.returncode)
+        self.assertRegex(err, r"^tessera: interrupted after \d+ of 100 files\n$")
+        self.assertFalse([pid for pid in extractors if os.path.exists(f"/proc/{pid}/exe")])
+        self.assertTrue(all(state == 0 for _, _, state in self.rows()))
+        self.run_tool("verify", status=DONE)
+        done = len(self.rows())
+        self.assertIn(f"{100 - done} added", self.index()[0])
+
+    def descendants(self, pid):
+        children = []
+        for thread in pathlib.Path(f"/proc/{pid}/task").iterdir():
+            children += map(int, (thread / "children").read_text().split())
+        return children + [low for child in children for low in self.descendants(child)]
 
     # Only what has changed is opened.
 

@@ -31,7 +31,7 @@ size_t signatureBytes(const FileChange& change) {
   return bytes;
 }
 
-// An interrupt from the terminal reaches the extractors too, and ends them.
+// What was being opened right then was given up.
 bool brokenByInterrupt(const OpenedFile& opened) {
   return interrupted() && !opened.unchanged &&
          std::any_of(opened.change.file.verdicts.begin(), opened.change.file.verdicts.end(),

@@ -14,6 +14,7 @@
 #include <memory>
 #include <new>
 
+#include "cli/interrupt.h"
 #include "extract/descriptor.h"
 
 namespace tool {
@@ -74,6 +75,7 @@ bool isTheSame(const FileEntry& known, const FileEntry& now) {
 Inspector::Settings inspectorSettings(const Limits& limits) {
   Inspector::Settings settings;
   settings.limits = limits;
+  settings.given_up = interrupted;
   return settings;
 }
 
