@@ -1146,6 +1146,32 @@ TEST(OldOfficeFormat, ChainsThatLeadInCirclesOrNowhereEnd) {
   EXPECT_EQ(Reason::kDamaged, reasonOf(file.substr(0, 100)));
 }
 
+// ---- Attributes
+
+TEST(Attributes, PassagesInThemAreText) {
+  const std::string passage =
+      "Nobody outside of this house is to learn what the new engine will weigh and cost.";
+  EXPECT_EQ("a\nb\n" + passage + "\n",
+            parsed(parseXml, "<d><t title='" + passage + "'>a</t>b</d>").said);
+  const std::string page = "<meta name=\"description\" content=\"" + passage + "\"";
+  for (const std::string& html :
+       {"<html><head>" + page + "></head><body>a</body></html>",
+        "<?xml version='1.0'?><html><head>" + page + "/></head><body>a</body></html>"}) {
+    EXPECT_EQ("a\n" + passage + "\n", parsed(parseHtml, html).said);
+  }
+}
+
+TEST(Attributes, KeysNumbersAndAddressesAreNoText) {
+  for (const std::string& value :
+       {"short words only"s, "M 10.5 20.25 L 30.5 40.25 L 50.5 60.25 L 70.5 80.25 L 90.5 100.25 Z"s,
+        "http://www.example.org/schema/beans http://www.example.org/schema/beans/beans-3.xsd"s,
+        "fill:none;stroke:currentColor;stroke-linejoin:round;stroke-linecap:round;display:inline"s,
+        std::string(100, 'a')}) {
+    EXPECT_EQ("b\n", parsed(parseXml, "<d a='" + value + "'>b</d>").said);
+    EXPECT_EQ("b\n", parsed(parseHtml, "<html><meta content='" + value + "'>b").said);
+  }
+}
+
 // ---- PDF
 
 std::string pdf(const std::string& content, const std::string& objects = "",
