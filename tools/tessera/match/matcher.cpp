@@ -9,6 +9,7 @@
 #include "cli/names.h"
 #include "failure.h"
 #include "files/input.h"
+#include "store/records.h"
 #include "store/store.h"
 
 namespace fs = std::filesystem;
@@ -55,6 +56,10 @@ Query::Outcome Query::outcome() const {
   if (reason != Reason::kNone) return Outcome::kUninspected;
   if (form == Form::kContainer) return Outcome::kContainer;
   return signatures + common == 0 ? Outcome::kTooShort : Outcome::kNoMatch;
+}
+
+std::string Query::verdictText() const {
+  return fmt::format("not {}inspected: {}", inspected ? "wholly " : "", reasonText(reason, detail));
 }
 
 Matcher::Matcher(const fs::path& home, const Settings& settings)

@@ -112,10 +112,7 @@ class TextReporter : public Reporter {
 
   std::string verdict(const Query& query) const {
     if (query.reason == Reason::kNone) return "";
-    std::string text = fmt::format("not {}inspected: {}", query.inspected ? "wholly " : "",
-                                   reasonName(query.reason));
-    if (!query.detail.empty()) text += fmt::format(" ({})", shownName(query.detail));
-    return fmt::format("  {}\n", painted(kYellow, text));
+    return fmt::format("  {}\n", painted(kYellow, query.verdictText()));
   }
 
   const bool colours_;
