@@ -16,6 +16,13 @@ class CommonTest(ToolTest):
     def common(self, *arguments, status=DONE):
         return self.run_tool("common", *arguments, status=status)
 
+    def test_texts_added_together_count_a_document_once(self):
+        self.write("a.txt", text(1) + text(2))
+        self.index()
+        texts = [self.write(f"../{seed}.txt", text(seed)) for seed in (1, 2)]
+        out, _ = self.run_tool("common", "add", *texts, status=DONE)
+        self.assertEqual("2 common texts added; 1 documents held some of it\n", out)
+
     def test_common_text_is_not_found_however_it_came_to_the_index(self):
         letters = self.letters()
         letterhead = self.write("../letterhead.txt", LETTERHEAD)

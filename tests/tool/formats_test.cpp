@@ -1120,6 +1120,20 @@ TEST(OldOfficeFormat, AFileEmbeddedAsAWholeIsAMember) {
   EXPECT_EQ("Cat", object.members[0].content);
 }
 
+TEST(OldOfficeFormat, ObjectsThatAreNotOpenedAreTold) {
+  const auto lost = [](const char* document, const char* storage, uint32_t child) {
+    std::string file = compound({{document, ""}, {storage, ""}});
+    put(&file, 1024 + 128 * 2 + 76, child);
+    const auto opened = parsed(parseOldOffice, file);
+    for (const auto& member : opened.members) EXPECT_EQ(Reason::kUnsupported, member.reason);
+    return opened.members.size() == 1 ? opened.members[0].name : "";
+  };
+  EXPECT_EQ("ObjectPool", lost("WordDocument", "ObjectPool", 1));
+  EXPECT_EQ("MBD0001A2B3", lost("Workbook", "MBD0001A2B3", 1));
+  EXPECT_EQ("", lost("WordDocument", "ObjectPool", 0xffffffff)) << "as Word leaves it";
+  EXPECT_EQ("", lost("Workbook", "_VBA_PROJECT_CUR", 1));
+}
+
 TEST(OldOfficeFormat, ChainsThatLeadInCirclesOrNowhereEnd) {
   std::string file = compound({{"Package", "x"}});
   put(&file, 512 + 4 * 1, 1);      // the directory follows itself
@@ -1130,6 +1144,32 @@ TEST(OldOfficeFormat, ChainsThatLeadInCirclesOrNowhereEnd) {
   EXPECT_LE(document.members[0].content.size(), 4096u);
   EXPECT_EQ(Reason::kDamaged, reasonOf(file.substr(0, 600)));
   EXPECT_EQ(Reason::kDamaged, reasonOf(file.substr(0, 100)));
+}
+
+// ---- Attributes
+
+TEST(Attributes, PassagesInThemAreText) {
+  const std::string passage =
+      "Nobody outside of this house is to learn what the new engine will weigh and cost.";
+  EXPECT_EQ("a\nb\n" + passage + "\n",
+            parsed(parseXml, "<d><t title='" + passage + "'>a</t>b</d>").said);
+  const std::string page = "<meta name=\"description\" content=\"" + passage + "\"";
+  for (const std::string& html :
+       {"<html><head>" + page + "></head><body>a</body></html>",
+        "<?xml version='1.0'?><html><head>" + page + "/></head><body>a</body></html>"}) {
+    EXPECT_EQ("a\n" + passage + "\n", parsed(parseHtml, html).said);
+  }
+}
+
+TEST(Attributes, KeysNumbersAndAddressesAreNoText) {
+  for (const std::string& value :
+       {"short words only"s, "M 10.5 20.25 L 30.5 40.25 L 50.5 60.25 L 70.5 80.25 L 90.5 100.25 Z"s,
+        "http://www.example.org/schema/beans http://www.example.org/schema/beans/beans-3.xsd"s,
+        "fill:none;stroke:currentColor;stroke-linejoin:round;stroke-linecap:round;display:inline"s,
+        std::string(100, 'a')}) {
+    EXPECT_EQ("b\n", parsed(parseXml, "<d a='" + value + "'>b</d>").said);
+    EXPECT_EQ("b\n", parsed(parseHtml, "<html><meta content='" + value + "'>b").said);
+  }
 }
 
 // ---- PDF
@@ -1161,6 +1201,15 @@ TEST(PdfFormat, APasswordAndDamageAreTold) {
                                  "/Encrypt 5 0 R/ID[(0123456789abcdef)(0123456789abcdef)]"))
                 .reason);
   EXPECT_EQ(Reason::kDamaged, parsed(parsePdf, "%PDF-1.4\nnothing of that kind").reason);
+}
+
+TEST(PdfFormat, DamageInsideOfAPageIsToldAndTheRestOfItRead) {
+  const auto damaged = parsed(parsePdf, pdf("BT /F 12 Tf 50 700 Td (Some words) Tj ET\n"
+                                            "BT /F 12 Tf 50 600 Td (and mo\x01\x02 Tj ET"));
+  EXPECT_EQ(Reason::kDamaged, damaged.reason);
+  EXPECT_EQ("Some words", words(damaged.said).substr(0, 10));
+  const auto ugly = parsed(parsePdf, pdf("BT /F 12 Tf /None cs 50 700 Td (Some words) Tj ET"));
+  EXPECT_EQ(Reason::kNone, ugly.reason) << "a colour that is missing is no loss of text";
 }
 
 TEST(PdfFormat, AttachedFilesAreTold) {

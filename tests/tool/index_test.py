@@ -2,11 +2,14 @@
 
 import fcntl
 import os
+import pathlib
 import random
 import re
 import resource
+import shutil
 import signal
 import subprocess
+import time
 import unittest
 import zipfile
 
@@ -227,6 +230,39 @@ class IndexTest(ToolTest):
         self.assertIn(f"{101 - done} added", out)
 
 
+    def test_interrupt_gives_up_the_documents_that_are_being_opened(self):
+        for number in range(100):
+            self.write(f"{number}.txt", text(number, 300))
+        self.index(self.docs / "0.txt")
+        catalogue = self.held_catalogue()
+        process = self.start_tool("index", "--jobs", "1", self.docs)
+        wait_for(lambda: self.catches_interrupts(process) and self.descendants(process.pid))
+        wait_for(lambda: len(os.listdir(f"/proc/{process.pid}/task")) > 2)
+        time.sleep(1)  # the first batch waits for the catalogue, and the extractor for work
+        extractors = self.descendants(process.pid)
+        for extractor in extractors:
+            os.kill(extractor, signal.SIGSTOP)
+        catalogue.close()
+        wait_for(lambda: len(self.rows()) > 1)
+        self.assertIsNone(process.poll())
+        start = time.monotonic()
+        process.send_signal(signal.SIGINT)
+        _, err = process.communicate(timeout=60)
+        self.assertLess(time.monotonic() - start, 20)
+        self.assertEqual(FAILED, process.returncode)
+        self.assertRegex(err, r"^tessera: interrupted after \d+ of 100 files\n$")
+        self.assertFalse([pid for pid in extractors if os.path.exists(f"/proc/{pid}/exe")])
+        self.assertTrue(all(state == 0 for _, _, state in self.rows()))
+        self.run_tool("verify", status=DONE)
+        done = len(self.rows())
+        self.assertIn(f"{100 - done} added", self.index()[0])
+
+    def descendants(self, pid):
+        children = []
+        for thread in pathlib.Path(f"/proc/{pid}/task").iterdir():
+            children += map(int, (thread / "children").read_text().split())
+        return children + [low for child in children for low in self.descendants(child)]
+
     # Only what has changed is opened.
 
     def opened(self, *arguments, status=DONE):
@@ -376,6 +412,29 @@ class IndexTest(ToolTest):
         document.unlink()
         _, err = self.run_tool("index", "--prune", document, status=FAILED)
         self.assertIn("No such file or directory", err)
+        self.assertEqual([], self.rows())
+
+    def test_empty_and_missing_directories_are_not_pruned_unless_that_is_asked_for(self):
+        root = self.write("root/a.txt", text(1)).parent
+        mounted = self.write("root/mounted/deep/b.txt", text(2)).parent.parent
+        removed = self.write("root/removed/d.txt", text(4))
+        self.index()
+        shutil.rmtree(mounted)
+        mounted.mkdir()
+        shutil.rmtree(removed.parent)
+        out, err = self.run_tool("index", "--prune", root, mounted, status=FAILED)
+        self.assertIn("1 unchanged, 1 removed, 1 not pruned", out)
+        self.assertIn(f"a file below {mounted} not pruned: it is empty or gone", err)
+        self.assertEqual(2, len(self.rows()))
+        for hide in (lambda: shutil.rmtree(root), root.mkdir):
+            hide()
+            _, err = self.run_tool("index", "--prune", root, status=FAILED)
+            self.assertIn("not pruned: it is empty or gone", err)
+            self.assertIn("--prune-empty", err)
+            self.assertEqual({0}, {state for _, _, state in self.rows()})
+            self.assertEqual(2, len(self.rows()))
+        out, err = self.run_tool("index", "--prune-empty", root, status=DONE)
+        self.assertIn("2 removed", out)
         self.assertEqual([], self.rows())
 
     # Disks and settings that do not do their part.

@@ -1,12 +1,14 @@
 """What matches what, and what becomes of files that cannot be inspected."""
 
+import fcntl
 import gzip
 import json
 import os
 import random
+import signal
 import unittest
 
-from support import DONE, FAILED, MATCHED, NOT_INSPECTED, ToolTest, text, zipped
+from support import DONE, FAILED, MATCHED, NOT_INSPECTED, ToolTest, text, wait_for, zipped
 
 
 class MatchTest(ToolTest):
@@ -141,6 +143,17 @@ class MatchTest(ToolTest):
 
     # Standard input.
 
+    def test_text_with_control_characters_in_it_is_found(self):
+        document = self.write("a.txt", text(1))
+        self.index()
+        words = text(1).encode().split()
+        query = self.write("../query", b"\1".join(words))
+        out, _ = self.run_tool("match", query, status=MATCHED)
+        self.assertIn(f"{query}!text\n  level 2  {document}", out)
+        self.assertIn("1 file, 2 documents: 1 matched, 1 as bytes only", out)
+        bytes_only, inside, _ = self.records(query)
+        self.assertEqual(("binary", "text"), (bytes_only["form"], inside["form"]))
+
     def test_standard_input_is_a_document(self):
         document = self.write("a.txt", text(1))
         self.index()
@@ -232,6 +245,27 @@ class MatchTest(ToolTest):
             self.assertIn(f"there is no index in {self.home}", err)
             self.assertIn("tessera index PATH", err)
         self.assertEqual([], list(self.home.iterdir()), "a match leaves nothing behind")
+
+    def test_while_the_first_run_is_at_work_nothing_is_indexed_yet(self):
+        document = self.write("a.txt", text(1))
+        index = self.home / "sig_index_DB"
+        index.mkdir(parents=True)
+        reader = os.open(index, os.O_RDONLY)
+        self.addCleanup(os.close, reader)
+        fcntl.flock(reader, fcntl.LOCK_SH)  # so the run waits before it writes the tables
+        run = self.start_tool("index", self.docs)
+        wait_for((index / "generation").exists)
+        for verb in (["match", document], ["export", "tables"]):
+            _, err = self.run_tool(*verb, status=FAILED)
+            self.assertIn("nothing is indexed in", err)
+            self.assertIn("the first run is at work", err)
+            self.assertNotIn("rebuild", err)
+        os.kill(run.pid, signal.SIGKILL)
+        run.wait(60)
+        fcntl.flock(reader, fcntl.LOCK_UN)
+        self.run_tool("match", document, status=FAILED)
+        self.index()
+        self.assertEqual([(2, str(document))], self.matches(document))
 
     def test_damaged_search_tables_are_told_and_can_be_made_anew(self):
         document = self.write("a.txt", text(1))

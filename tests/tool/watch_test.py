@@ -141,6 +141,17 @@ class WatchTest(ToolTest):
         self.assertIn(f"{self.docs} is gone", self.err.read_text())
         self.assertEqual({str(document)}, self.indexed())
 
+    def test_directory_that_is_empty_at_first_keeps_its_documents(self):
+        document = self.write("a.txt", text(1))
+        self.index()
+        document.unlink()
+        with self.watching(status=FAILED):
+            self.assertIn("not pruned", self.err.read_text())
+            other = self.write("b.txt", text(2))
+            self.wait_for_documents(document, other)
+            other.unlink()
+            self.wait_for_documents(document)
+
     def test_nothing_is_missed_when_changes_come_too_fast(self):
         limit = int(pathlib.Path("/proc/sys/fs/inotify/max_queued_events").read_text())
         if limit > 20000:

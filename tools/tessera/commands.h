@@ -54,6 +54,7 @@ struct IndexOptions {
   Selection selection = Selection::kFull;
   std::string label;
   bool prune = false;
+  bool prune_empty = false;  // with it, also what was below named directories that are empty
 };
 
 enum class Report { kText, kJson, kSarif };

@@ -174,6 +174,8 @@ void addIndex(CLI::App* app, IndexOptions* options) {
   addIndexOptions(verb, options);
   verb->add_flag("--prune", options->prune,
                  "Remove documents from the index whose files are gone from the named directories");
+  verb->add_flag("--prune-empty", options->prune_empty,
+                 "The same, also when a named directory is empty or gone");
 }
 
 void addWatch(CLI::App* app, WatchOptions* options) {

@@ -34,8 +34,10 @@ const std::vector<VerbHelp>& allHelp() {
        "fingerprints of each document in it into the index.\n"
        "Only what has changed is indexed again: a document with the same content is left alone, "
        "one with another replaces what the index held of it. With --prune, documents that are "
-       "gone from below the named directories leave the index. A run that is cut off is made "
-       "good by the next one; after Ctrl-C what was done so far is kept.\n"
+       "gone from below the named directories leave the index. But a "
+       "directory that is named and is empty now, cannot be listed or is gone keeps its documents, "
+       "which is told: a disk may be missing. --prune-empty removes them too. A run that is cut off is made good by the next "
+       "one; after Ctrl-C what was done so far is kept.\n"
        "The selection \"full\" finds single paragraphs. \"sparse\" takes about an eighth of the "
        "room and finds documents that share a good part of their text.",
        "0  everything was indexed\n"

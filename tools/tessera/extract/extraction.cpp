@@ -90,7 +90,8 @@ class Extraction {
 
   void openContainer(const Opened& opened, Parser parser, Part part);
   void openDocument(const Opened& opened, const Format& format, Part part);
-  void deliverPlain(const Opened& opened, Part part);
+  std::optional<DecodedText> decodePlain(const Opened& opened, const Part& part) const;
+  void deliverPlain(const Opened& opened, std::optional<DecodedText> decoded, Part part);
   void deliverText(std::string_view text, Part part);
   void deliverBytes(std::string_view content, Part part);
   void noteCut(Part* part) const;
@@ -231,6 +232,14 @@ void openAppended(std::string_view content, Document& document) {
   if (!zip.empty()) document.member("", zip);
 }
 
+// Some control characters do not hide a text. The document itself stays what it is, bytes.
+void openTextBetweenControls(std::string_view content, Document& document) {
+  const std::string_view kept = content.substr(0, document.limits().total_bytes);
+  if (const auto text = textBetweenControls(kept, document.charset())) {
+    document.member("text", *text, document.charset());
+  }
+}
+
 void Extraction::open(const Opened& opened) {
   begin(opened.name);
   Part part;
@@ -242,9 +251,13 @@ void Extraction::open(const Opened& opened) {
   if (!format) {
     ParsedDocument document(this, opened, /*container=*/false);
     Outcome outcome = parse(openAppended, opened.content, document);
+    std::optional<DecodedText> decoded = decodePlain(opened, part);
+    if (!decoded && outcome.reason == Reason::kNone) {
+      outcome = parse(openTextBetweenControls, opened.content, document);
+    }
     part.reason = outcome.reason;
     part.detail = std::move(outcome.detail);
-    deliverPlain(opened, std::move(part));
+    deliverPlain(opened, std::move(decoded), std::move(part));
     document.openMembers();
   } else if (format->kind == Format::Kind::kUnsupported) {
     part.reason = Reason::kUnsupported;
@@ -275,7 +288,7 @@ void Extraction::openDocument(const Opened& opened, const Format& format, Part p
     outcome = parse(openAppended, opened.content, document);
   }
   if (outcome.reason == Reason::kDamaged && format.kind == Format::Kind::kMarkup) {
-    deliverPlain(opened, std::move(part));
+    deliverPlain(opened, decodePlain(opened, part), std::move(part));
     document.openMembers();
     return;
   }
@@ -298,13 +311,17 @@ void Extraction::openDocument(const Opened& opened, const Format& format, Part p
   document.openMembers();
 }
 
-void Extraction::deliverPlain(const Opened& opened, Part part) {
+std::optional<DecodedText> Extraction::decodePlain(const Opened& opened, const Part& part) const {
   const std::string_view content = cutText(opened.content, budget.limits().total_bytes);
   std::optional<DecodedText> decoded = decodeText(content, opened.charset);
   if (decoded && !mayBeText(part.type) && !isSurelyText(content, *decoded)) decoded.reset();
+  return decoded;
+}
+
+void Extraction::deliverPlain(const Opened& opened, std::optional<DecodedText> decoded, Part part) {
   if (!decoded) return deliverBytes(opened.content, std::move(part));
   if (part.type == "application/octet-stream") part.type = "text/plain";
-  if (content.size() < opened.content.size()) noteCut(&part);
+  if (opened.content.size() > budget.limits().total_bytes) noteCut(&part);
   part.encoding = std::move(decoded->encoding);
   deliverText(decoded->text, std::move(part));
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "extract/descriptor.h"
 #include "extract/part.h"
 #include "files/walk.h"
 
@@ -14,22 +15,18 @@ class Input {
  public:
   // The standard input is kept in memory, as far as `most_bytes`.
   Input(const FoundFile& file, uint64_t most_bytes);
-  ~Input();
-  Input(const Input&) = delete;
-  Input& operator=(const Input&) = delete;
 
-  int descriptor() const { return descriptor_; }  // of a regular file
+  int descriptor() const { return descriptor_.get(); }  // of a regular file
 
   // kNone: all is well. kUnreadable, kSizeLimit: there is nothing to be inspected.
   Reason reason() const { return reason_; }
   const std::string& detail() const { return detail_; }
 
  private:
-  void open(const std::string& path);
   void spoolStandardInput(uint64_t most_bytes);
   void giveUp(Reason reason, const std::string& detail);
 
-  int descriptor_ = -1;
+  Descriptor descriptor_;
   Reason reason_ = Reason::kNone;
   std::string detail_;
 };

@@ -5,6 +5,7 @@
 #include "cli/names.h"
 #include "failure.h"
 #include "files/input.h"
+#include "store/records.h"
 
 namespace tool {
 
@@ -35,8 +36,7 @@ bool OpenedParts::each(const std::function<void(const std::string& name, const P
 bool OpenedParts::open(const FoundFile& file,
                        const std::function<void(const std::string&, const Part&)>& show) {
   const auto complainAbout = [](const std::string& name, Reason reason, const std::string& detail) {
-    complain(fmt::format("{} was not inspected: {}{}", name, reasonName(reason),
-                         detail.empty() ? "" : fmt::format(" ({})", shownName(detail))));
+    complain(fmt::format("{} was not inspected: {}", name, reasonText(reason, detail)));
   };
   const Input input(file, limits_.total_bytes);
   if (input.reason() != Reason::kNone) {

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -30,7 +31,7 @@ size_t signatureBytes(const FileChange& change) {
   return bytes;
 }
 
-// An interrupt from the terminal reaches the extractors too, and ends them.
+// What was being opened right then was given up.
 bool brokenByInterrupt(const OpenedFile& opened) {
   return interrupted() && !opened.unchanged &&
          std::any_of(opened.change.file.verdicts.begin(), opened.change.file.verdicts.end(),
@@ -43,6 +44,14 @@ bool isGone(const std::string& path) {
   return type != fs::file_type::regular && type != fs::file_type::none;  // none: who knows
 }
 
+// What was in it may have gone for a while only, with a disk that is missing.
+bool isEmptied(const fs::path& directory) {
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(directory, error);
+  return !fs::exists(status) || (fs::is_directory(status) && fs::is_empty(directory, error)) ||
+         error;
+}
+
 }  // namespace
 
 std::string summary(const IndexCounts& counts) {
@@ -53,6 +62,7 @@ std::string summary(const IndexCounts& counts) {
     if (count) text += fmt::format(", {} {}", count, what);
   };
   add(counts.removed, "removed");
+  add(counts.not_pruned, "not pruned");
   add(counts.too_short, "too short");
   add(counts.not_inspected, "not inspected");
   add(counts.failed, "failed");
@@ -117,16 +127,29 @@ void IndexRun::addBatch() {
   batch_bytes_ = 0;
 }
 
-void IndexRun::prune(const std::vector<std::string>& below) {
+void IndexRun::prune(const std::vector<std::string>& below, Emptied emptied) {
   cut_short_ = cut_short_ || interrupted();
   if (cut_short_) return;
-  std::vector<std::string> gone;
+  std::set<std::string> gone;
+  std::set<std::string> kept;
   for (const std::string& path : below) {
-    for (std::string& known : store_->catalogue().paths(path)) {
-      if (isGone(known)) gone.push_back(std::move(known));
+    const bool keep = emptied == Emptied::kKept && isEmptied(path);
+    size_t count = 0;
+    for (const std::string& known : store_->catalogue().paths(path)) {
+      if (!isGone(known)) continue;
+      const bool is_kept = keep && known != path;
+      if ((is_kept ? kept : gone).insert(known).second && is_kept) ++count;
     }
+    if (count == 0) continue;
+    complain(
+        fmt::format("{} below {} not pruned: it is empty or gone; is a disk missing?\n"
+                    "'tessera index --prune-empty' removes what was there from the index.",
+                    count == 1 ? "a file" : fmt::format("{} files", count), shownName(path)));
   }
-  if (!gone.empty()) counts_.removed += store_->catalogue().announceRemoval(gone);
+  counts_.not_pruned += kept.size();
+  for (const std::string& path : kept) gone.erase(path);
+  if (!gone.empty())
+    counts_.removed += store_->catalogue().announceRemoval({gone.begin(), gone.end()});
 }
 
 void IndexRun::finish() {

@@ -26,6 +26,7 @@ struct IndexCounts {
   size_t too_short = 0;      // documents
   size_t not_inspected = 0;  // documents, or files with all in them
   size_t removed = 0;        // documents
+  size_t not_pruned = 0;     // files that are gone, perhaps with a disk
   size_t failed = 0;         // files
 };
 
@@ -40,9 +41,13 @@ class IndexRun {
   // interrupts.
   void index(const std::vector<FoundFile>& files);
 
+  // What becomes of files that were below a path that is an empty directory now, cannot be
+  // listed or is gone.
+  enum class Emptied { kKept, kPruned };
+
   // The documents of files that are no longer there leave: all that were at or below
-  // these paths.
-  void prune(const std::vector<std::string>& below);
+  // these paths. Complains about those that are kept.
+  void prune(const std::vector<std::string>& below, Emptied emptied);
 
   void finish();
 

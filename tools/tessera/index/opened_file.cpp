@@ -1,9 +1,7 @@
 #include "index/opened_file.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <openssl/evp.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,18 +12,13 @@
 #include <memory>
 #include <new>
 
+#include "cli/interrupt.h"
 #include "extract/descriptor.h"
+#include "files/regular_file.h"
 
 namespace tool {
 
 namespace {
-
-// Null: errno says why.
-const char* whyNotReadable(int file) {
-  struct stat status;
-  if (file < 0 || ::fstat(file, &status) != 0) return std::strerror(errno);
-  return S_ISREG(status.st_mode) ? nullptr : "no regular file";
-}
 
 // False: errno says why.
 bool hashFile(int file, uint64_t* size, Sha256* hash) {
@@ -74,6 +67,7 @@ bool isTheSame(const FileEntry& known, const FileEntry& now) {
 Inspector::Settings inspectorSettings(const Limits& limits) {
   Inspector::Settings settings;
   settings.limits = limits;
+  settings.given_up = interrupted;
   return settings;
 }
 
@@ -98,11 +92,8 @@ OpenedFile FileOpener::open(
   file.when = std::time(nullptr);
   file.opened_by = opened_by_;
 
-  // A pipe that took the place of the file must not hold up the run.
-  const Descriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (const char* reason = whyNotReadable(descriptor.get())) {
-    opened.problem = reason;
-  } else if (!hashFile(descriptor.get(), &file.size, &file.sha256)) {
+  const Descriptor descriptor = openRegularFile(path, &opened.problem);
+  if (opened.problem.empty() && !hashFile(descriptor.get(), &file.size, &file.sha256)) {
     opened.problem = std::strerror(errno);
   }
   if (!opened.problem.empty()) return opened;

@@ -32,7 +32,8 @@ class FileOpener {
   explicit FileOpener(const Settings& settings);
 
   // `known` is asked for what is known of the file, when its hash is at hand. May be
-  // called from any thread. Throws Failure when nothing can be opened at all.
+  // called from any thread. Throws Failure when nothing can be opened at all. When the user
+  // interrupts, what is being opened is given up, with the verdict kCrashed.
   OpenedFile open(const std::string& path,
                   const std::function<std::optional<FileEntry>(const std::string&)>& known);
 

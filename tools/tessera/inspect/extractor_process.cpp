@@ -24,6 +24,7 @@ using std::chrono::seconds;
 constexpr seconds kStartTime{30};  // under load
 // An extractor that still works tells itself that the time is over, and what it got.
 constexpr seconds kGrace{2};
+constexpr milliseconds kAttention{200};  // how soon it is noticed that nobody waits any more
 
 // posix_spawn() and what it needs.
 class Spawn {
@@ -85,8 +86,9 @@ class Spawn {
 
 }  // namespace
 
-ExtractorProcess::ExtractorProcess(const std::vector<std::string>& command, const Limits& limits)
-    : limits_(limits) {
+ExtractorProcess::ExtractorProcess(const std::vector<std::string>& command, const Limits& limits,
+                                   const std::function<bool()>& given_up)
+    : limits_(limits), given_up_(given_up) {
   start(command);
   try {
     deadline_ = Clock::now() + kStartTime;
@@ -132,7 +134,7 @@ bool ExtractorProcess::inspect(int file, std::string_view name,
     last.reason = Reason::kMemoryLimit;
     last.detail = "needs more than " + std::to_string(limits_.memory_bytes) + " bytes";
   } catch (const Death& death) {
-    if (!answered_) throw NoExtractor(death.detail);
+    if (!answered_ && !given_up_()) throw NoExtractor(death.detail);
     last.reason = death.reason;
     last.detail = death.detail;
   } catch (const ProtocolError& error) {
@@ -207,8 +209,10 @@ void ExtractorProcess::receive(char* bytes, size_t length) {
     if (left <= 0) {
       throw Death{Reason::kTimeLimit, "took longer than " + std::to_string(limits_.seconds) + " s"};
     }
+    const bool is_opening = documents_ > 0;
+    if (is_opening && given_up_()) throw Death{Reason::kCrashed, "given up"};
     pollfd ready = {socket_.get(), POLLIN, 0};
-    poll(&ready, 1, static_cast<int>(std::min<int64_t>(left, 1'000'000)));
+    poll(&ready, 1, static_cast<int>(std::min<int64_t>(left, kAttention.count())));
     const ssize_t got = recv(socket_.get(), bytes, length, MSG_DONTWAIT);
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) continue;
     if (got <= 0) throw causeOfDeath();

@@ -29,8 +29,10 @@ class NoExtractor : public std::runtime_error {
 class ExtractorProcess {
  public:
   // Starts `command`, which is a tessera-extract, perhaps in something that confines it.
-  // It dies with the calling thread. Throws NoExtractor when it does not answer.
-  ExtractorProcess(const std::vector<std::string>& command, const Limits& limits);
+  // It dies with the calling thread. Throws NoExtractor when it does not answer. While a
+  // document is opened, `given_up` is asked whether anybody still waits for it.
+  ExtractorProcess(const std::vector<std::string>& command, const Limits& limits,
+                   const std::function<bool()>& given_up);
   ~ExtractorProcess();  // ends it, with all that it has started
   ExtractorProcess(const ExtractorProcess&) = delete;
   ExtractorProcess& operator=(const ExtractorProcess&) = delete;
@@ -64,6 +66,7 @@ class ExtractorProcess {
   Death causeOfDeath();
 
   const Limits limits_;
+  const std::function<bool()> given_up_;
   Descriptor socket_;
   pid_t process_ = -1;
   int status_ = 0;  // as waitpid() has it, when process_ is -1

@@ -67,8 +67,8 @@ class Inspector::Pool {
   std::unique_ptr<ExtractorProcess> startConfined() {
     if (namespaces_) {
       try {
-        auto started =
-            std::make_unique<ExtractorProcess>(confinedCommand(program_), settings_.limits);
+        auto started = std::make_unique<ExtractorProcess>(confinedCommand(program_),
+                                                          settings_.limits, settings_.given_up);
         namespaces_work_ = true;
         return started;
       } catch (const NoExtractor&) {
@@ -76,8 +76,8 @@ class Inspector::Pool {
         // The same without them tells whether it was for them.
       }
     }
-    auto started =
-        std::make_unique<ExtractorProcess>(std::vector<std::string>{program_}, settings_.limits);
+    auto started = std::make_unique<ExtractorProcess>(std::vector<std::string>{program_},
+                                                      settings_.limits, settings_.given_up);
     const std::lock_guard lock(mutex_);
     namespaces_ = false;
     return started;

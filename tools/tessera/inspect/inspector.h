@@ -26,6 +26,9 @@ class Inspector {
     // from the directory of this program.
     std::string extractor = {};
     bool namespaces = true;  // where the system allows them
+    // Asked now and then, from any thread. When it says true, documents that are being
+    // opened are given up: their last part is kCrashed.
+    std::function<bool()> given_up = [] { return false; };
   };
 
   explicit Inspector(const Settings& settings);  // starts nothing yet

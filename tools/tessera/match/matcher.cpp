@@ -9,6 +9,7 @@
 #include "cli/names.h"
 #include "failure.h"
 #include "files/input.h"
+#include "store/records.h"
 #include "store/store.h"
 
 namespace fs = std::filesystem;
@@ -57,6 +58,10 @@ Query::Outcome Query::outcome() const {
   return signatures + common == 0 ? Outcome::kTooShort : Outcome::kNoMatch;
 }
 
+std::string Query::verdictText() const {
+  return fmt::format("not {}inspected: {}", inspected ? "wholly " : "", reasonText(reason, detail));
+}
+
 Matcher::Matcher(const fs::path& home, const Settings& settings)
     : settings_(settings),
       catalogue_(findCatalogue(home)),
@@ -66,6 +71,7 @@ Matcher::Matcher(const fs::path& home, const Settings& settings)
     fingerprinter_.emplace(Selection::kFull);
   }
   enterHome(home);
+  if (catalogue_) requireFinishedRun(home, *catalogue_);
   requireIndex(home);
   tables_.emplace(kIndexName, DirectoryLock::Kind::kShared);
   if (catalogue_) readCatalogue(home);

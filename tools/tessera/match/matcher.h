@@ -50,6 +50,8 @@ struct Query {
 
   enum class Outcome { kMatch, kUninspected, kContainer, kTooShort, kNoMatch };
   Outcome outcome() const;
+
+  std::string verdictText() const;  // "not wholly inspected: damaged (...)"
 };
 
 struct InspectedFile {

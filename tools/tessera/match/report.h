@@ -17,6 +17,7 @@ struct Totals {
   size_t documents = 0;  // containers not counted
   size_t matched = 0;
   size_t not_inspected = 0;  // or not wholly, whether they matched or not
+  size_t binary = 0;         // compared as a whole, by its bytes
   size_t too_short = 0;
   size_t problems = 0;  // what could not be found or read
 

@@ -93,13 +93,11 @@ class SarifReporter : public Reporter {
         results_.push_back(resultOf(file, query, finding));
       }
       if (query.reason == Reason::kNone) continue;
-      const std::string detail = query.detail.empty() ? "" : " (" + shownName(query.detail) + ")";
       notifications_.push_back(
           {{"level", file.unreadable ? "error" : "warning"},
            {"descriptor", {{"id", "not-inspected"}}},
-           {"message", message(fmt::format(
-                           "{}: not {}inspected: {}{}", shownName(file.nameOf(query)),
-                           query.inspected ? "wholly " : "", reasonName(query.reason), detail))},
+           {"message",
+            message(fmt::format("{}: {}", shownName(file.nameOf(query)), query.verdictText()))},
            {"locations", Json::array({locationOf(file, query)})}});
     }
     return "";

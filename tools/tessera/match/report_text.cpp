@@ -13,6 +13,7 @@ void Totals::add(const InspectedFile& file) {
   for (const Query& query : file.queries) {
     const Query::Outcome outcome = query.outcome();
     if (query.form != Form::kContainer) ++documents;
+    if (query.inspected && query.form == Form::kBinary) ++binary;
     if (outcome == Query::Outcome::kMatch) ++matched;
     if (outcome == Query::Outcome::kTooShort) ++too_short;
     if (query.reason != Reason::kNone) ++not_inspected;
@@ -55,6 +56,7 @@ class TextReporter : public Reporter {
   std::string end(const Totals& totals, int) override {
     std::string text = fmt::format("{}, {}: {} matched", counted(totals.files, "file"),
                                    counted(totals.documents, "document"), totals.matched);
+    if (totals.binary) text += fmt::format(", {} as bytes only", totals.binary);
     if (totals.too_short) text += fmt::format(", {} too short to match", totals.too_short);
     if (totals.not_inspected) {
       text += fmt::format(", {}",
@@ -110,10 +112,7 @@ class TextReporter : public Reporter {
 
   std::string verdict(const Query& query) const {
     if (query.reason == Reason::kNone) return "";
-    std::string text = fmt::format("not {}inspected: {}", query.inspected ? "wholly " : "",
-                                   reasonName(query.reason));
-    if (!query.detail.empty()) text += fmt::format(" ({})", shownName(query.detail));
-    return fmt::format("  {}\n", painted(kYellow, text));
+    return fmt::format("  {}\n", painted(kYellow, query.verdictText()));
   }
 
   const bool colours_;

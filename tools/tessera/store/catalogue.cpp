@@ -506,14 +506,16 @@ size_t Catalogue::announceThoseWith(const SignatureList& signatures) {
   return affected.size();
 }
 
-size_t Catalogue::addCommonText(const CommonText& text) {
+size_t Catalogue::addCommonTexts(const std::vector<CommonText>& texts) {
   Transaction transaction(*this);
   const SignatureList before = commonSignatures();
-  Statement(*this, "INSERT OR REPLACE INTO common_texts VALUES (?, ?, ?)")
-      .bytes(text.path)
-      .number(text.when)
-      .bytes(bytesOf(text.signatures))
-      .step();
+  for (const CommonText& text : texts) {
+    Statement(*this, "INSERT OR REPLACE INTO common_texts VALUES (?, ?, ?)")
+        .bytes(text.path)
+        .number(text.when)
+        .bytes(bytesOf(text.signatures))
+        .step();
+  }
   const SignatureList after = commonSignatures();
   SignatureList changed;
   std::set_symmetric_difference(before.begin(), before.end(), after.begin(), after.end(),

@@ -153,7 +153,7 @@ class Catalogue {
 
   // Documents with signatures that become common, or cease to be, arrive once more.
   // Returns how many.
-  size_t addCommonText(const CommonText& text);
+  size_t addCommonTexts(const std::vector<CommonText>& texts);
   size_t removeCommonText(const std::string& path);
 
   // For an index that was lost: every document arrives once more.

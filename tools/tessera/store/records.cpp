@@ -38,12 +38,15 @@ Json verdictRecord(const FileEntry& file, const Verdict& verdict) {
           {"detail", shownName(verdict.detail)}};
 }
 
+std::string reasonText(Reason reason, const std::string& detail) {
+  const std::string_view name = reasonName(reason);
+  return detail.empty() ? std::string(name) : fmt::format("{} ({})", name, shownName(detail));
+}
+
 std::string verdictText(const FileEntry& file, const Verdict& verdict) {
   const std::string name = verdict.member.empty() ? file.path : file.path + "!" + verdict.member;
-  std::string text =
-      fmt::format("not inspected: {}: {}", shownName(name), reasonName(verdict.reason));
-  if (!verdict.detail.empty()) text += fmt::format(" ({})", shownName(verdict.detail));
-  return text;
+  return fmt::format("not inspected: {}: {}", shownName(name),
+                     reasonText(verdict.reason, verdict.detail));
 }
 
 std::string csvLine(const std::vector<std::string>& fields) {

@@ -26,6 +26,9 @@ std::string hexadecimal(const Bytes& bytes) {
 Json documentRecord(const DocumentEntry& document);
 Json verdictRecord(const FileEntry& file, const Verdict& verdict);
 
+// "encrypted (it wants a password)"
+std::string reasonText(Reason reason, const std::string& detail);
+
 // "not inspected: NAME: encrypted (it wants a password)"
 std::string verdictText(const FileEntry& file, const Verdict& verdict);
 

@@ -85,6 +85,14 @@ std::unique_ptr<Catalogue> openCatalogue(const fs::path& home) {
   return std::make_unique<Catalogue>(home / kCatalogueName, Catalogue::Access::kRead);
 }
 
+void requireFinishedRun(const fs::path& home, const Catalogue& catalogue) {
+  if (catalogue.generations().settled != 0) return;
+  throw Failure(
+      fmt::format("nothing is indexed in {} yet: the first run is at work, or was cut off\n"
+                  "Wait for its end, or make it good with 'tessera index PATH...'.",
+                  shownName(home.native())));
+}
+
 void requireIndex(const fs::path& home) {
   if (fs::is_directory(home / kIndexName)) return;
   throw Failure(

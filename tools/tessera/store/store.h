@@ -23,6 +23,9 @@ namespace tool {
 // For reading. Throws Failure when there is no index.
 std::unique_ptr<Catalogue> openCatalogue(const std::filesystem::path& home);
 
+// Throws Failure while no run has come to its end yet: the index may be anything.
+void requireFinishedRun(const std::filesystem::path& home, const Catalogue& catalogue);
+
 // Throws Failure when there is no directory of that name at all.
 void requireIndex(const std::filesystem::path& home);
 

@@ -11,7 +11,7 @@
 // kTextForm; the catalogue keeps the one its index was made with. docs/text_form.md
 // lists the rules and the reasons for them.
 //
-// Both functions may be called from several threads at once. They throw std::bad_alloc
+// All functions may be called from several threads at once. They throw std::bad_alloc
 // when memory is out and std::length_error for more than kLongestText bytes, and nothing
 // else: no input is a failure.
 // Tests: tests/tool/canonical_text_test.cpp, fuzz/canonical_text.cpp.
@@ -39,6 +39,10 @@ struct DecodedText {
 // throughout; else a guess. Nothing when the bytes are no text in any encoding.
 // `declared` is a charset label as mails and web pages bear it, or empty.
 std::optional<DecodedText> decodeText(std::string_view bytes, std::string_view declared);
+
+// What decodeText() takes for no text because of its control characters, without them,
+// when that is a text: at least 128 bytes, and at least three of four that were there.
+std::optional<std::string> textBetweenControls(std::string_view bytes, std::string_view declared);
 
 // The canonical form of a UTF-8 text. Malformed sequences become U+FFFD. The form of a
 // form is itself; it is at most three times as long as the text.

@@ -2,7 +2,9 @@
 #include <unicode/uchar.h>
 #include <unicode/utf8.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
@@ -198,6 +200,20 @@ std::optional<DecodedText> decodeText(std::string_view bytes, std::string_view d
   if (Trial text = decodedByEscapes(bytes)) return text;
   if (Trial text = decodedAsUtf8(bytes)) return text;
   return decodedByGuess(bytes);
+}
+
+std::optional<std::string> textBetweenControls(std::string_view bytes, std::string_view declared) {
+  constexpr size_t kShortest = 128;  // what is shorter has no signature, or by chance
+  const size_t stray = countStray(bytes);
+  if (stray == 0 || stray > bytes.size() / 4 || bytes.size() - stray < kShortest) {
+    return std::nullopt;
+  }
+  std::string text;
+  text.reserve(bytes.size() - stray);
+  std::copy_if(bytes.begin(), bytes.end(), std::back_inserter(text),
+               [](char c) { return !isStray(static_cast<unsigned char>(c)); });
+  if (!decodeText(text, declared)) return std::nullopt;
+  return text;
 }
 
 }  // namespace tool

@@ -46,18 +46,16 @@ int addTexts(const CommonOptions& common, const CommonTextOptions& options) {
   Store store(common.home, Store::Missing::kCreate);
   FileOpener opener({options.inspect.limits, Selection::kFull, ""});
   bool failed = false;
-  size_t added = 0;
-  size_t affected = 0;
+  std::vector<CommonText> texts;
   for (const std::string& path : paths) {
-    const std::optional<CommonText> text = readCommonText(&opener, path);
+    std::optional<CommonText> text = readCommonText(&opener, path);
     failed = failed || !text;
-    if (!text) continue;
-    affected += store.catalogue().addCommonText(*text);
-    ++added;
+    if (text) texts.push_back(*std::move(text));
   }
+  const size_t affected = store.catalogue().addCommonTexts(texts);
   store.finish();
-  fmt::print("{} common {} added; {} documents held some of it\n", added,
-             added == 1 ? "text" : "texts", affected);
+  fmt::print("{} common {} added; {} documents held some of it\n", texts.size(),
+             texts.size() == 1 ? "text" : "texts", affected);
   return failed ? kFailed : kDone;
 }
 

@@ -33,7 +33,8 @@ void exportCatalogue(const Catalogue& catalogue, Format format) {
   });
 }
 
-void exportTables(const std::filesystem::path& home, Format format) {
+void exportTables(const std::filesystem::path& home, const Catalogue& catalogue, Format format) {
+  requireFinishedRun(home, catalogue);
   requireIndex(home);
   const DirectoryLock tables(home / kIndexName, DirectoryLock::Kind::kShared);
   if (format == Format::kCsv) fmt::print("signature,id\r\n");
@@ -53,7 +54,7 @@ int exportCommand(const CommonOptions& common, const ExportOptions& options) {
   if (options.what == ExportOptions::What::kCatalogue) {
     exportCatalogue(*catalogue, options.format);
   } else {
-    exportTables(common.home, options.format);
+    exportTables(common.home, *catalogue, options.format);
   }
   return kDone;
 }

@@ -18,8 +18,9 @@ int indexCommand(const CommonOptions& common, const IndexOptions& options) {
   const FoundFiles found = findFiles(options.files, common.home);
   for (const fs::path& directory : found.directories) named.push_back(directory.native());
   for (const std::string& problem : found.problems) complain(problem);
+  const bool prune = options.prune || options.prune_empty;
   const bool nothing_found = found.files.empty() && !found.problems.empty();
-  if (nothing_found && !options.prune) return kFailed;  // not worth a home
+  if (nothing_found && !prune) return kFailed;  // not worth a home
 
   Store store(common.home, Store::Missing::kCreate);
   if (store.leftBehind()) {
@@ -31,12 +32,15 @@ int indexCommand(const CommonOptions& common, const IndexOptions& options) {
   IndexRun run(common, options, &store);
   finishOnInterrupt();
   run.index(found.files);
-  if (options.prune) run.prune(named);
+  if (prune) {
+    run.prune(named, options.prune_empty ? IndexRun::Emptied::kPruned : IndexRun::Emptied::kKept);
+  }
   run.finish();
 
   const IndexCounts& counts = run.counts();
   fmt::print("{}\n", summary(counts));
-  if (run.wasCutShort() || counts.failed || !found.problems.empty()) return kFailed;
+  if (run.wasCutShort() || counts.failed || counts.not_pruned || !found.problems.empty())
+    return kFailed;
   return counts.not_inspected ? kNotInspected : kDone;
 }
 

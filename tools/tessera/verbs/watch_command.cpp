@@ -96,12 +96,17 @@ class Watcher {
     Store store(common_.home, Store::Missing::kCreate);
     IndexRun run(common_, options_, &store);
     run.index(found.files);
-    run.prune(changed);
+    for (const std::string& path : changed) {
+      // What went from below a directory was seen to go; from a whole tree, that is not told.
+      const auto& roots = options_.files.paths;
+      const bool is_root = std::find(roots.begin(), roots.end(), path) != roots.end();
+      run.prune({path}, is_root ? IndexRun::Emptied::kKept : IndexRun::Emptied::kPruned);
+    }
     run.finish();
     const IndexCounts& counts = run.counts();
-    failed_ = failed_ || counts.failed;
+    failed_ = failed_ || counts.failed || counts.not_pruned;
     not_inspected_ = not_inspected_ || counts.not_inspected;
-    if (counts.files || counts.removed) fmt::print("{}\n", summary(counts));
+    if (counts.files || counts.removed || counts.not_pruned) fmt::print("{}\n", summary(counts));
     std::fflush(stdout);
   }
 

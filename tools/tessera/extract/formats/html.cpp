@@ -15,6 +15,7 @@
 #include <set>
 #include <vector>
 
+#include "extract/formats/words.h"
 #include "extract/formats/xml.h"
 #include "text/canonical_text.h"
 
@@ -51,6 +52,11 @@ std::string_view conditional(std::string_view comment) {
 
 void addLine(std::string_view line, std::string* text) {
   if (!line.empty()) text->append(line).append("\n");
+}
+
+// Descriptions, which search engines and messengers show; not the settings of a page.
+void addContent(std::string_view element, std::string_view content, std::string* text) {
+  if (element == "meta" && isProse(content)) addLine(content, text);
 }
 
 bool atLineStart(const std::string& text) { return text.empty() || text.back() == '\n'; }
@@ -213,6 +219,8 @@ class Walk {
       const GumboAttribute* const attribute = gumbo_get_attribute(&element.attributes, shown);
       if (attribute != nullptr) addLine(attribute->value, &attributes_);
     }
+    const GumboAttribute* const content = gumbo_get_attribute(&element.attributes, "content");
+    if (content != nullptr) addContent(name, content->value, &attributes_);
     const bool ends_line = !isInline(name) && name != "img";
     if (ends_line) addBreak(&text_);
     open_.push_back({node, 0, ends_line});
@@ -257,6 +265,7 @@ class XhtmlText : public XmlHandler {
     }
     if (!isInline(name) && name != "img") addBreak(&text_);
     for (const char* const shown : kShownAttributes) addLine(attributes.value(shown), &attributes_);
+    addContent(name, attributes.value("content"), &attributes_);
   }
 
   void end(std::string_view name) override {

@@ -66,6 +66,12 @@ bool isEncryptedPowerPoint(const OleFile& file) {
   return littleEndian(user, 12, 4) == kEncrypted || file.has("EncryptedSummary");
 }
 
+void tellEmbedded(const OleFile& file, Document& document) {
+  for (const std::string& name : file.embedded()) {
+    document.lostMember(name, Reason::kUnsupported, "embedded in an old Office document");
+  }
+}
+
 void runOn(std::string_view content, const std::vector<std::string>& command, Document& document) {
   const HelperResult result = runHelper(command, content, document);
   document.text(result.output);
@@ -102,12 +108,14 @@ void parseOldOffice(std::string_view content, Document& document) {
   if (file.has("EncryptedPackage")) throw encrypted;
   if (file.has("WordDocument")) {
     if (isEncryptedWord(file)) throw encrypted;
+    tellEmbedded(file, document);
     runOn(content, {"catdoc", "-s", wordCharset(file), "-d", "utf-8", "-w"}, document);
     return;
   }
   for (const char* const name : {"Workbook", "Book"}) {
     if (!file.has(name)) continue;
     if (isEncryptedExcel(file, name)) throw encrypted;
+    tellEmbedded(file, document);
     runOn(content, excelCommand(name), document);
     return;
   }

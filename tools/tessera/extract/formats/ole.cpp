@@ -114,7 +114,8 @@ void OleFile::readEntries() {
 }
 
 // The entries of a storage form a tree, whose order is not relied upon.
-const OleFile::Entry* OleFile::find(std::string_view name) const {
+std::vector<const OleFile::Entry*> OleFile::entriesAtTop() const {
+  std::vector<const Entry*> entries;
   std::vector<bool> seen(entries_.size());
   std::vector<uint32_t> open = {entries_[0].child};
   while (!open.empty()) {
@@ -123,11 +124,28 @@ const OleFile::Entry* OleFile::find(std::string_view name) const {
     if (index >= entries_.size() || seen[index]) continue;
     seen[index] = true;
     const Entry& entry = entries_[index];
-    if (entry.name == name) return &entry;
+    entries.push_back(&entry);
     open.push_back(entry.left);
     open.push_back(entry.right);
   }
-  return nullptr;
+  return entries;
+}
+
+const OleFile::Entry* OleFile::find(std::string_view name) const {
+  const std::vector<const Entry*> entries = entriesAtTop();
+  const auto found = std::find_if(entries.begin(), entries.end(),
+                                  [&](const Entry* entry) { return entry->name == name; });
+  return found == entries.end() ? nullptr : *found;
+}
+
+std::vector<std::string> OleFile::embedded() const {
+  std::vector<std::string> names;
+  for (const Entry* const entry : entriesAtTop()) {
+    const bool holds_something = entry->child < entries_.size();
+    const bool is_store = entry->name == "ObjectPool" || entry->name.starts_with("MBD");
+    if (is_store && holds_something) names.push_back(entry->name);
+  }
+  return names;
 }
 
 std::optional<std::string> OleFile::stream(std::string_view name, size_t most) const {

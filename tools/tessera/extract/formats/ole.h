@@ -19,6 +19,9 @@ class OleFile {
   // Whether there is such a stream or storage at the top.
   bool has(std::string_view name) const { return find(name) != nullptr; }
 
+  // Names of the storages at the top in which Word and Excel keep embedded objects.
+  std::vector<std::string> embedded() const;
+
   // The first `most` bytes of a stream at the top, or what is there of them.
   std::optional<std::string> stream(std::string_view name, size_t most) const;
 
@@ -35,6 +38,7 @@ class OleFile {
   std::string miniChain(uint32_t start, uint64_t most) const;
   void readTable();
   void readEntries();
+  std::vector<const Entry*> entriesAtTop() const;
   const Entry* find(std::string_view name) const;
 
   const std::string_view content_;

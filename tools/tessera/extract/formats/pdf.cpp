@@ -1,6 +1,7 @@
 #include "extract/formats/pdf.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,22 @@ namespace {
   }
   if (ranOutOfMemory(result)) throw NotInspected(Reason::kMemoryLimit, "pdftotext");
   throw NotInspected(Reason::kDamaged, "pdftotext cannot read it");
+}
+
+// pdftotext goes on behind what it cannot read, and ends as if nothing were wrong. What it
+// says about how a page looks is no loss of text.
+void tellDamage(std::string_view errors) {
+  for (size_t at = 0; at < errors.size();) {
+    const size_t end = std::min(errors.find('\n', at), errors.size());
+    const std::string_view line = errors.substr(at, end - at);
+    at = end + 1;
+    if (!line.starts_with("Syntax Error")) continue;
+    const auto is_about = [&](std::string_view what) { return line.find(what) != line.npos; };
+    constexpr std::string_view kLooks[] = {"olor space", "ICCBased", "attern",
+                                           "hading",     "nnot",     "optional content"};
+    if (std::any_of(std::begin(kLooks), std::end(kLooks), is_about)) continue;
+    throw NotInspected(Reason::kDamaged, "pdftotext: " + std::string(line.substr(0, 100)));
+  }
 }
 
 // The files attached to it, as pdfdetach lists them: "1: NAME", after a line that tells
@@ -48,6 +65,7 @@ void parsePdf(std::string_view content, Document& document) {
   if (!hasWords(result.output)) {
     throw NotInspected(Reason::kUnsupported, "no text: a scanned document?");
   }
+  tellDamage(result.errors);
 }
 
 }  // namespace tool

@@ -12,6 +12,7 @@
 #include <new>
 
 #include "extract/formats/html.h"
+#include "extract/formats/words.h"
 #include "text/canonical_text.h"
 
 namespace tool {
@@ -141,18 +142,26 @@ class Run {
   std::map<std::string, std::string> known_entities_;
 };
 
-// All character data; an element parts words. Its root tells a web page.
+// All character data, an element parts words, and the attributes that are passages. Its
+// root tells a web page.
 class AllText : public XmlHandler {
  public:
-  void start(std::string_view name, const XmlAttributes&) override {
+  void start(std::string_view name, const XmlAttributes& attributes) override {
     if (root_.empty()) root_ = name;
     separate();
+    attributes.eachValue([this](std::string_view value) {
+      if (isProse(value)) attributes_.append(value).append("\n");
+    });
   }
   void end(std::string_view) override { separate(); }
   void text(std::string_view utf8) override { text_ += utf8; }
 
   const std::string& root() const { return root_; }
-  const std::string& text() const { return text_; }
+  void handOut(Document& document) {
+    if (!attributes_.empty()) separate();
+    document.text(text_);
+    document.text(attributes_);
+  }
 
  private:
   void separate() {
@@ -161,6 +170,7 @@ class AllText : public XmlHandler {
 
   std::string root_;
   std::string text_;
+  std::string attributes_;
 };
 
 }  // namespace
@@ -191,10 +201,14 @@ void parseXml(std::string_view content, Document& document) {
   try {
     readXml(content, document.limits(), all);
   } catch (...) {
-    document.text(all.text());
+    all.handOut(document);
     throw;
   }
-  document.text(all.root() == "html" ? xhtmlText(content, document.limits()) : all.text());
+  if (all.root() == "html") {
+    document.text(xhtmlText(content, document.limits()));
+  } else {
+    all.handOut(document);
+  }
 }
 
 }  // namespace tool

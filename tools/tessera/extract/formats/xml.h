@@ -23,6 +23,11 @@ class XmlAttributes {
   // Of the attribute with any prefix and this name.
   std::string_view prefixedValue(std::string_view name) const;
 
+  template <typename Visit>
+  void eachValue(Visit visit) const {
+    for (const char* const* pair = pairs_; *pair != nullptr; pair += 2) visit(pair[1]);
+  }
+
  private:
   const char* const* const pairs_;
 };
