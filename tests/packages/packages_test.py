@@ -111,7 +111,7 @@ def apt_sources():
     lines = run("apt-get", "indextargets", "--format", "$(REPO_URI) $(RELEASE) $(COMPONENT)",
                 "Created-By: Packages").splitlines()
     sources = [f"deb {line}" for line in dict.fromkeys(lines)
-               if line.split()[1] in ours and line.split()[2] == "main"]
+               if re.fullmatch(rf"\S+ ({'|'.join(ours)}) main", line)]
     if not any(source.split()[2] == release for source in sources):
         sys.exit(f"no Debian mirror for {release} in this machine's apt configuration: {lines}")
     return release, sources
