@@ -56,11 +56,9 @@ def test_cmake():
     install("runtime", "development")
     project = work / "project"
     toolchain = [f"-DCMAKE_TOOLCHAIN_FILE={option['TOOLCHAIN']}"] if windows else []
-    # Where toolchain files let CMake look for packages in their own root only, a host's
-    # own prefix is a further one.
     run(option["CMAKE"], "-G", "Ninja", "-S", PROJECT, "-B", project, *toolchain,
         f"-DCMAKE_C_COMPILER={option['CC']}", "-DCMAKE_BUILD_TYPE=Debug",
-        f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_FIND_ROOT_PATH={prefix}")
+        f"-DCMAKE_PREFIX_PATH={prefix}")
     run(option["CMAKE"], "--build", project)
     suffix = ".exe" if windows else ""
     for program in "with_shared", "with_static":

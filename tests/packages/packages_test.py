@@ -111,7 +111,7 @@ def apt_sources():
     lines = run("apt-get", "indextargets", "--format", "$(REPO_URI) $(RELEASE) $(COMPONENT)",
                 "Created-By: Packages").splitlines()
     sources = [f"deb {line}" for line in dict.fromkeys(lines)
-               if line.split()[1] in ours and line.split()[2] == "main"]
+               if re.fullmatch(rf"\S+ ({'|'.join(ours)}) main", line)]
     if not any(source.split()[2] == release for source in sources):
         sys.exit(f"no Debian mirror for {release} in this machine's apt configuration: {lines}")
     return release, sources
@@ -134,6 +134,9 @@ def make_root():
     """A minimal Debian with the packages and what they want, by apt alone."""
     if os.geteuid() != 0:
         sys.exit("only root can install packages into a root of their own: run this test as root")
+    if subprocess.run(["unshare", "--mount", "true"], capture_output=True).returncode:
+        sys.exit("this system lets root mount nothing (no CAP_SYS_ADMIN), and without /proc the "
+                 "command does not run in a root of its own")
     shutil.rmtree(ROOT, ignore_errors=True)
     release, sources = apt_sources()
     lists = work / "sources.list"
