@@ -14,9 +14,12 @@ OPTIONS = ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--n
 # Headless windows are not narrower than 500 pixels, but a frame in one may be.
 FRAME = ('<body style="margin:0"><iframe src="{page}" width="{width}" height="{height}" '
          'style="border:0"></iframe>')
-# Says so in the picture when a page is wider than its window.
+# Says so in the picture when words of a page stand outside of its window.
 WATCH = """<script>addEventListener("load", () => {
-  if (document.documentElement.scrollWidth > innerWidth)
+  const wide = [...document.querySelectorAll("article :is(h1, h2, h3, p, li, dt, dd)")]
+    .filter(part => !part.closest(".table-wrapper") && part.scrollWidth > part.clientWidth + 1
+                    || part.getBoundingClientRect().right > innerWidth && !part.closest("table"));
+  if (wide.length)
     document.body.insertAdjacentHTML("afterbegin", "<h1 style='background:red'>TOO WIDE</h1>");
 })</script></body>"""
 # A page asks which colours its reader chose; these copies of pages know.
