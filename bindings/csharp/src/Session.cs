@@ -80,7 +80,10 @@ namespace Tessera
             try
             {
                 if (!open) return;
-                int status = InHome(() => End());
+                bool atHome;
+                int status = End(out atHome);
+                // The library does not tell that the tables of an index could not be written.
+                if (!atHome && ClosedByFailure && status == 0) status = 1;
                 // An index is closed in any case; tables that could not be let go are still there.
                 if (status != 0 && !ClosedByFailure) throw EndFailed(status);
                 open = false;
@@ -118,6 +121,21 @@ namespace Tessera
             {
                 if (alone) running.ExitWriteLock();
                 else running.ExitReadLock();
+            }
+        }
+
+        // Where the home is gone, closing must still be possible, and overwrite nothing elsewhere.
+        private int End(out bool atHome)
+        {
+            try
+            {
+                atHome = true;
+                return InHome(End);
+            }
+            catch (Exception error) when (error is IOException || error is UnauthorizedAccessException)
+            {
+                atHome = false;
+                return CurrentDirectory.InNowhere(End);
             }
         }
 

@@ -99,6 +99,22 @@ namespace Tessera
             return shared.Use(home, work);
         }
 
+        /// <summary>Runs <paramref name="work"/> in a new directory that goes with it: what the
+        /// library writes there nobody wants.</summary>
+        public static TResult InNowhere<TResult>(Func<TResult> work)
+        {
+            string nowhere = Path.Combine(Path.GetTempPath(), "tessera-" + Guid.NewGuid().ToString("N"));
+            Directory.CreateDirectory(nowhere);
+            try
+            {
+                return In(nowhere, work);
+            }
+            finally
+            {
+                Directory.Delete(nowhere, true);
+            }
+        }
+
         private static void Enter(string home)
         {
             before = Here();

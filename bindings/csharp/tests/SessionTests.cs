@@ -335,6 +335,24 @@ public class SessionTests : HomeTest
         Expect.True(Directory.Exists(Path.Combine(Home, "sig_index_DB")), "but in the home");
     }
 
+    public void ASessionWhoseHomeIsGoneCanBeClosedAndAnIndexTellsIt()
+    {
+        Index(Home, 1);
+        var session = new MatchSession(Home);
+        var index = new IndexSession(Home);
+        index.Add(2, Generator.Signatures(texts[1]));
+        Directory.Move(Home, Path.Combine(Root, "moved"));
+        string before = Directory.GetCurrentDirectory();
+        Expect.Throws<DirectoryNotFoundException>(() => index.Add(3, Generator.Signatures(texts[2])));
+        Expect.Equal(1, Expect.Throws<TesseraException>(index.Close).Status);
+        index.Close();
+        session.Close();
+        Expect.Equal(before, Directory.GetCurrentDirectory());
+        NewHome("home");
+        Index(Home, 1);
+        using (new MatchSession(Home)) { }
+    }
+
     public void ALostBatchIsToldByClosing()
     {
         // Files may not grow beyond 300 blocks of 512 bytes: a disk that is full.
