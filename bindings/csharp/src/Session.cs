@@ -50,8 +50,10 @@ namespace Tessera
         internal Session(string home, Slot slot, Action<string> begin)
         {
             if (home == null) throw new ArgumentNullException("home");
-            Home = Path.GetFullPath(home);
-            if (!Directory.Exists(Home)) throw new DirectoryNotFoundException("no directory: " + Home);
+            string given = Path.GetFullPath(home);
+            if (!Directory.Exists(given)) throw new DirectoryNotFoundException("no directory: " + given);
+            // Bound to the directory as it is now, wherever a link leads to later.
+            Home = CurrentDirectory.In(given, Directory.GetCurrentDirectory);
             this.slot = slot;
             slot.Take();
             try
@@ -69,7 +71,7 @@ namespace Tessera
             }
         }
 
-        /// <summary>The directory that was given, as an absolute path.</summary>
+        /// <summary>The directory that was given, as an absolute path without links.</summary>
         public string Home { get; private set; }
 
         /// <summary>Closes the session, after the calls that run; closed already, it does nothing.</summary>
