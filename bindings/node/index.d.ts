@@ -53,7 +53,7 @@ export function binarySignatures(content: Uint8Array): Signature[];
 declare abstract class Session {
   protected constructor();
 
-  /** The directory that was given, as an absolute path. */
+  /** The directory that was given, as an absolute path without links. */
   readonly home: string;
 
   readonly isOpen: boolean;

@@ -341,6 +341,45 @@ test('sessions can be disposed of where the language has it', { skip: !Symbol.as
   assert.equal(other.isOpen, false);
 });
 
+test('a session whose home is gone can be closed, and an index tells it', async (t) => {
+  const root = temporary(t);
+  const home = path.join(root, 'home');
+  const before = process.cwd();
+  for (const how of ['close', 'closeAsync']) {
+    fs.mkdirSync(home);
+    index(home, 1);
+    const session = new MatchSession(home);
+    const writer = new IndexSession(home);
+    writer.add(2, signatures(texts[1]));
+    fs.renameSync(home, path.join(root, how));
+    assert.throws(() => writer.add(3, signatures(texts[2])), { code: 'ENOENT' });
+    await assert.rejects(async () => writer[how](), failure('ExitIndexSystem'));
+    await session[how]();
+    assert.deepEqual([writer.isOpen, session.isOpen, process.cwd()], [false, false, before]);
+  }
+  fs.mkdirSync(home);
+  index(home, 1);
+  new MatchSession(home).close();
+});
+
+test('a link is followed once', { skip: process.platform === 'win32' }, (t) => {
+  const home = temporary(t);
+  const other = temporary(t);
+  const link = path.join(temporary(t), 'link');
+  index(home, 1);
+  index(other, 2, 3);
+  fs.symlinkSync(home, link);
+  within(new MatchSession(link), (session) => within(new IndexSession(link), (writer) => {
+    assert.equal(session.home, home);
+    fs.unlinkSync(link);
+    fs.symlinkSync(other, link);
+    assert.equal(found(session, texts[0]), '1:2');
+    writer.add(9, signatures(texts[7]));
+  }));
+  within(new MatchSession(home), (session) => assert.equal(found(session, texts[7]), '9:2'));
+  within(new MatchSession(other), (session) => assert.equal(found(session, texts[0]), '2:2'));
+});
+
 test('a lost batch is told by closing', { skip: process.platform === 'win32' }, (t) => {
   const home = temporary(t);
   const script = `const { IndexSession, signatures } = require('tessera');
