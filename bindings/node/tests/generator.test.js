@@ -83,6 +83,15 @@ test('arguments that cannot be meant are refused', async () => {
   await assert.rejects(signaturesAsync(null), TypeError);
 });
 
+// A length is an int for the library: of a larger one it would say that there is no document.
+test('lengths end where those of the library do', async () => {
+  const huge = new Uint8Array(2 ** 31);
+  assert.throws(() => signatures(huge), RangeError);
+  assert.throws(() => binarySignatures(huge), RangeError);
+  await assert.rejects(signaturesAsync(huge), RangeError);
+  assert.equal(binarySignatures(huge.subarray(1)).length, 1);
+});
+
 test('nothing is left in the current directory', (t) => {
   const before = process.cwd();
   const directory = temporary(t);
