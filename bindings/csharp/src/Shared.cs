@@ -1,6 +1,6 @@
 // What the library keeps once for the whole process, and how threads share it: the current
 // directory, in which it looks for its files, and the settings of the generator.
-// Tests: tests/ThreadTests.cs.
+// Tests: tests/SharedTests.cs, tests/ThreadTests.cs.
 using System;
 using System.Collections.Generic;
 using System.IO;
