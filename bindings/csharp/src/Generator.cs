@@ -40,7 +40,8 @@ namespace Tessera
         // Set() only. It stays set between calls, since most programs never change it.
         private static (Platform, int)? current;
 
-        /// <summary>The signatures of a text, taken as UTF-8: see the other form.</summary>
+        /// <summary>The signatures of a text, taken as UTF-8 and a lone surrogate as U+FFFD: see
+        /// the other form.</summary>
         public static Signature[] Signatures(string text, Platform platform = Platform.Client,
                                              int maxContentSize = DefaultMaxContentSize)
         {
