@@ -5,7 +5,7 @@
     scan_outgoing.py scan HOME FOLDER     prints which files share passages with those
 
 Needs the Python package of Tessera and nothing else. Files are taken as texts, in whatever
-encoding they are; those with NUL bytes are recognised by their exact content only. Links to
+encoding they are; those with NUL bytes are recognised by their exact content, too. Links to
 folders are not followed.
 
 Exit status: 0 when nothing was found, 1 when a file matches, 2 when a file or folder could not
@@ -31,9 +31,10 @@ def fingerprint(path: Path) -> List[bytes]:
     if path.stat().st_size > LARGEST:
         raise OSError(f"{path} has more bytes than the library takes")
     content = path.read_bytes()
-    if b"\0" in content[:4096]:
-        return tessera.binary_signatures(content)
-    return tessera.signatures(content)
+    found = tessera.signatures(content)
+    if b"\0" in content:  # hardly a text, but who would send one could put a NUL into it
+        found += tessera.binary_signatures(content)
+    return found
 
 
 def files(folder: Path) -> List[Path]:

@@ -117,3 +117,14 @@ def test_names_of_files_are_any_bytes(folders):
     (folders / os.fsdecode(b"outgoing/\xff plan")).write_text(TEXTS[0])
     status, found, message = scan_outgoing(folders, "scan", "home", "outgoing")
     assert (status, "plan: strong match" in found, message) == (1, True, "")
+
+
+@pytest.mark.parametrize("disguise", [
+    lambda text: b"\0" + text.encode(),
+    lambda text: text.encode("utf-16"),
+])
+def test_a_nul_hides_no_text(folders, disguise):
+    scan_outgoing(folders, "learn", "home", "confidential")
+    (folders / "outgoing/mail").write_bytes(disguise(TEXTS[1][500:2500]))
+    status, found, _ = scan_outgoing(folders, "scan", "home", "outgoing")
+    assert (status, "mail: strong match" in found) == (1, True)
