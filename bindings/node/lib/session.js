@@ -3,9 +3,10 @@
 'use strict';
 
 const fs = require('node:fs');
+const path = require('node:path');
 const { TesseraError } = require('./errors');
 const native = require('./native');
-const { currentDirectory, inNowhere, inNowhereNow } = require('./shared');
+const { currentDirectory, hostDirectory, inNowhere, inNowhereNow } = require('./shared');
 
 const LATER = Symbol('opened by open()');
 
@@ -25,7 +26,8 @@ class Session {
    * endFailed(home, status), endsAnyway, prepare(home) }. */
   constructor(kind, home, when) {
     if (typeof home !== 'string') throw new TypeError('home must be a string');
-    this.home = fs.realpathSync(home);  // as it is now, wherever a link leads to later
+    // As it is now, wherever a link leads to later.
+    this.home = fs.realpathSync(path.resolve(hostDirectory(), home));
     if (!fs.statSync(this.home).isDirectory()) throw new TypeError(`no directory: ${this.home}`);
     if (Session.taken.has(kind.name)) {
       throw new TesseraError(`this process has an open ${kind.name} session already`,

@@ -114,6 +114,11 @@ function leave() {
   }
 }
 
+/** Where the host is, also while a call is in a home. */
+function hostDirectory() {
+  return before !== undefined && here() === entered ? before : process.cwd();
+}
+
 /** The current directory of the process; its states are absolute paths. */
 const currentDirectory = new Shared(enter, leave);
 
@@ -139,4 +144,4 @@ async function inNowhere(work) {
   }
 }
 
-module.exports = { Shared, currentDirectory, inNowhere, inNowhereNow };
+module.exports = { Shared, currentDirectory, hostDirectory, inNowhere, inNowhereNow };

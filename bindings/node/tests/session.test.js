@@ -380,6 +380,25 @@ test('a link is followed once', { skip: process.platform === 'win32' }, (t) => {
   within(new MatchSession(other), (session) => assert.equal(found(session, texts[0]), '2:2'));
 });
 
+test('the name of a home is the host\'s, also while a call runs elsewhere', async (t) => {
+  const root = temporary(t);
+  const before = process.cwd();
+  t.after(() => process.chdir(before));
+  process.chdir(root);
+  ['blue', 'green'].forEach((home, i) => {
+    fs.mkdirSync(home);
+    index(home, i);
+  });
+  const session = new MatchSession('blue');
+  const matching = session.matchAsync(signatures(texts[0]));
+  assert.equal(process.cwd(), session.home);
+  const writer = await IndexSession.open('green');
+  assert.equal(writer.home, path.join(root, 'green'));
+  assert.equal(told(await matching), '0:2');
+  writer.close();
+  session.close();
+});
+
 test('a lost batch is told by closing', { skip: process.platform === 'win32' }, (t) => {
   const home = temporary(t);
   const script = `const { IndexSession, signatures } = require('tessera');
