@@ -167,7 +167,7 @@ test('every result is freed', (t) => {
   });
   within(new MatchSession(home), (session) => {
     assert.equal(session.match(list).length, 500);
-    staysWhen(4000, () => session.match(list));  // 8 KB each
+    staysWhen(4000, 500 * 16, () => session.match(list));
   });
 });
 
