@@ -5,13 +5,16 @@
     scan_outgoing.py scan HOME FOLDER     prints which files share passages with those
 
 Needs the Python package of Tessera and nothing else. Files are taken as texts, in whatever
-encoding they are; those with NUL bytes are recognised by their exact content only.
+encoding they are; those with NUL bytes are recognised by their exact content, too. Links to
+folders are not followed.
 
-Exit status: 0 when nothing was found, 1 when a file matches, 2 when a file could not be read
-or the index not be used. 2 wins over 1: what was not read cannot be called clean.
+Exit status: 0 when nothing was found, 1 when a file matches, 2 when a file or folder could not
+be read or the index not be used. 2 wins over 1: what was not read cannot be called clean.
 """
 import argparse
+import io
 import json
+import os
 import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
@@ -21,19 +24,33 @@ import tessera
 
 CLEAN, FOUND, TROUBLE = 0, 1, 2
 NAMES = "documents.json"  # beside the index, which knows numbers only
+LARGEST = 2**31 - 1  # bytes that the library takes
 
 
 def fingerprint(path: Path) -> List[bytes]:
+    if path.stat().st_size > LARGEST:
+        raise OSError(f"{path} has more bytes than the library takes")
     content = path.read_bytes()
-    if b"\0" in content[:4096]:
-        return tessera.binary_signatures(content)
-    return tessera.signatures(content)
+    found = tessera.signatures(content)
+    if b"\0" in content:  # hardly a text, but who would send one could put a NUL into it
+        found += tessera.binary_signatures(content)
+    return found
 
 
 def files(folder: Path) -> List[Path]:
     if not folder.is_dir():
         raise NotADirectoryError(f"{folder} is no folder")
-    return sorted(path for path in folder.rglob("*") if path.is_file())
+    # Path.rglob would pass over folders that it may not read.
+    found = [
+        Path(directory, name)
+        for directory, _, names in os.walk(folder, onerror=give_up)
+        for name in names
+    ]
+    return sorted(path for path in found if path.is_file())
+
+
+def give_up(error: OSError) -> None:
+    raise error
 
 
 def known_names(home: Path) -> Dict[str, int]:
@@ -113,6 +130,8 @@ def main() -> int:
         help="lowest level that is printed and decides the exit status (weak)",
     )
     arguments = parser.parse_args()
+    if isinstance(sys.stdout, io.TextIOWrapper):
+        sys.stdout.reconfigure(errors="backslashreplace")  # names of files are any bytes
     try:
         if arguments.what == "learn":
             return learn(arguments.home, arguments.folder)

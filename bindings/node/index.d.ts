@@ -31,8 +31,8 @@ export interface GenerateOptions {
  * there is no signature, and of a short one there may be none: on average one place in 137 gives one.
  * No file is read or written: "max_content_size" in the configuration file of a home has no effect.
  *
- * @param text a string is taken as UTF-8; bytes are UTF-8 or any single-byte encoding, at most
- *   2147483647
+ * @param text a string is taken as UTF-8, a lone surrogate as U+FFFD; bytes are UTF-8 or any
+ *   single-byte encoding, at most 2147483647
  * @throws TypeError, RangeError for arguments that cannot be meant
  * @throws TesseraError when memory runs out; TESSERA_BUSY while asynchronous calls run with other options
  */
@@ -53,7 +53,7 @@ export function binarySignatures(content: Uint8Array): Signature[];
 declare abstract class Session {
   protected constructor();
 
-  /** The directory that was given, as an absolute path. */
+  /** The directory that was given, as an absolute path without links. */
   readonly home: string;
 
   readonly isOpen: boolean;

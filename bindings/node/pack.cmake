@@ -17,7 +17,8 @@ if(WINDOWS_LIBRARY)
   file(COPY ${WINDOWS_LIBRARY} DESTINATION ${PACKAGE}/prebuilt/win32-x64)
 endif()
 # What the tarball keeps of permissions is no matter of the machine's umask.
-file(CHMOD_RECURSE ${PACKAGE}/lib ${PACKAGE}/example ${PACKAGE}/prebuilt
+file(CHMOD_RECURSE ${PACKAGE}/lib ${PACKAGE}/example ${PACKAGE}/prebuilt ${PACKAGE}/index.js
+     ${PACKAGE}/index.d.ts ${PACKAGE}/package.json ${PACKAGE}/README.md
      FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ
      DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                            WORLD_READ WORLD_EXECUTE)

@@ -1,6 +1,5 @@
 // Documents to signatures. Tests: tests/GeneratorTests.cs, tests/ThreadTests.cs.
 using System;
-using System.IO;
 using System.Runtime.InteropServices;
 using System.Text;
 
@@ -41,7 +40,8 @@ namespace Tessera
         // Set() only. It stays set between calls, since most programs never change it.
         private static (Platform, int)? current;
 
-        /// <summary>The signatures of a text, taken as UTF-8: see the other form.</summary>
+        /// <summary>The signatures of a text, taken as UTF-8 and a lone surrogate as U+FFFD: see
+        /// the other form.</summary>
         public static Signature[] Signatures(string text, Platform platform = Platform.Client,
                                              int maxContentSize = DefaultMaxContentSize)
         {
@@ -121,31 +121,20 @@ namespace Tessera
             return Array.ConvertAll(copied, bytes => new Signature(bytes));
         }
 
-        // The library writes the settings into a configuration file in the current directory,
-        // where nobody wants it.
+        // The library writes the settings into a configuration file in the current directory.
         private static void Set((Platform, int) settings)
         {
             if (current.HasValue && current.Value.Equals(settings)) return;
-            string nowhere = Path.Combine(Path.GetTempPath(), "tessera-" + Guid.NewGuid().ToString("N"));
-            Directory.CreateDirectory(nowhere);
-            try
+            CurrentDirectory.InNowhere(() =>
             {
-                CurrentDirectory.In(nowhere, () =>
-                {
-                    if (current.HasValue) Native.ExitSignatureGenerator();
-                    current = null;
-                    Require("InitSignatureGenerator",
-                            Native.InitSignatureGenerator((int)settings.Item1));
-                    current = (settings.Item1, DefaultMaxContentSize);
-                    Require("SetMaxContentSize", Native.SetMaxContentSize(settings.Item2));
-                    current = settings;
-                    return 0;
-                });
-            }
-            finally
-            {
-                Directory.Delete(nowhere, true);
-            }
+                if (current.HasValue) Native.ExitSignatureGenerator();
+                current = null;
+                Require("InitSignatureGenerator", Native.InitSignatureGenerator((int)settings.Item1));
+                current = (settings.Item1, DefaultMaxContentSize);
+                Require("SetMaxContentSize", Native.SetMaxContentSize(settings.Item2));
+                current = settings;
+                return 0;
+            });
         }
 
         private static void Require(string function, int status)

@@ -104,8 +104,8 @@ namespace Tessera
         internal override TesseraException EndFailed(int status)
         {
             return new TesseraException("ExitIndexSystem", status,
-                "what was pending, or deletions before, could not be written and is lost; "
-                + "the index is closed, as it was after its last batch");
+                "what was pending, or deletions before, could not be written and is lost, or "
+                + Home + " is gone; the index is closed, as it was after its last batch");
         }
 
         private static void Begin(string home)

@@ -50,8 +50,10 @@ namespace Tessera
         internal Session(string home, Slot slot, Action<string> begin)
         {
             if (home == null) throw new ArgumentNullException("home");
-            Home = Path.GetFullPath(home);
-            if (!Directory.Exists(Home)) throw new DirectoryNotFoundException("no directory: " + Home);
+            string given = Path.GetFullPath(home);
+            if (!Directory.Exists(given)) throw new DirectoryNotFoundException("no directory: " + given);
+            // Bound to the directory as it is now, wherever a link leads to later.
+            Home = CurrentDirectory.In(given, Directory.GetCurrentDirectory);
             this.slot = slot;
             slot.Take();
             try
@@ -69,7 +71,7 @@ namespace Tessera
             }
         }
 
-        /// <summary>The directory that was given, as an absolute path.</summary>
+        /// <summary>The directory that was given, as an absolute path without links.</summary>
         public string Home { get; private set; }
 
         /// <summary>Closes the session, after the calls that run; closed already, it does nothing.</summary>
@@ -80,7 +82,10 @@ namespace Tessera
             try
             {
                 if (!open) return;
-                int status = InHome(() => End());
+                bool atHome;
+                int status = End(out atHome);
+                // The library does not tell that the tables of an index could not be written.
+                if (!atHome && ClosedByFailure && status == 0) status = 1;
                 // An index is closed in any case; tables that could not be let go are still there.
                 if (status != 0 && !ClosedByFailure) throw EndFailed(status);
                 open = false;
@@ -118,6 +123,21 @@ namespace Tessera
             {
                 if (alone) running.ExitWriteLock();
                 else running.ExitReadLock();
+            }
+        }
+
+        // Where the home is gone, closing must still be possible, and overwrite nothing elsewhere.
+        private int End(out bool atHome)
+        {
+            try
+            {
+                atHome = true;
+                return InHome(End);
+            }
+            catch (Exception error) when (error is IOException || error is UnauthorizedAccessException)
+            {
+                atHome = false;
+                return CurrentDirectory.InNowhere(End);
             }
         }
 

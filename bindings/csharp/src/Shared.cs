@@ -1,6 +1,6 @@
 // What the library keeps once for the whole process, and how threads share it: the current
 // directory, in which it looks for its files, and the settings of the generator.
-// Tests: tests/ThreadTests.cs.
+// Tests: tests/SharedTests.cs, tests/ThreadTests.cs.
 using System;
 using System.Collections.Generic;
 using System.IO;
@@ -97,6 +97,22 @@ namespace Tessera
         public static TResult In<TResult>(string home, Func<TResult> work)
         {
             return shared.Use(home, work);
+        }
+
+        /// <summary>Runs <paramref name="work"/> in a new directory that goes with it: what the
+        /// library writes there nobody wants.</summary>
+        public static TResult InNowhere<TResult>(Func<TResult> work)
+        {
+            string nowhere = Path.Combine(Path.GetTempPath(), "tessera-" + Guid.NewGuid().ToString("N"));
+            Directory.CreateDirectory(nowhere);
+            try
+            {
+                return In(nowhere, work);
+            }
+            finally
+            {
+                Directory.Delete(nowhere, true);
+            }
         }
 
         private static void Enter(string home)

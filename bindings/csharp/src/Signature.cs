@@ -1,5 +1,5 @@
 // A signature as a value: 8 bytes, ordered as the library orders them.
-// Tests: tests/SignatureTests.cs.
+// Tests: tests/GeneratorTests.cs.
 using System;
 using System.Globalization;
 using System.Net;

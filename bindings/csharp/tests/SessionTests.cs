@@ -335,6 +335,48 @@ public class SessionTests : HomeTest
         Expect.True(Directory.Exists(Path.Combine(Home, "sig_index_DB")), "but in the home");
     }
 
+    public void ASessionWhoseHomeIsGoneCanBeClosedAndAnIndexTellsIt()
+    {
+        Index(Home, 1);
+        var session = new MatchSession(Home);
+        var index = new IndexSession(Home);
+        index.Add(2, Generator.Signatures(texts[1]));
+        Directory.Move(Home, Path.Combine(Root, "moved"));
+        string before = Directory.GetCurrentDirectory();
+        Expect.Throws<DirectoryNotFoundException>(() => index.Add(3, Generator.Signatures(texts[2])));
+        Expect.Equal(1, Expect.Throws<TesseraException>(index.Close).Status);
+        index.Close();
+        session.Close();
+        Expect.Equal(before, Directory.GetCurrentDirectory());
+        NewHome("home");
+        Index(Home, 1);
+        using (new MatchSession(Home)) { }
+    }
+
+    public void ALinkIsFollowedOnce()
+    {
+        string other = NewHome("other"), link = Path.Combine(Root, "link");
+        Index(Home, 1);
+        Index(other, 2, 3);
+        Link(Home, link);
+        using (var session = new MatchSession(link))
+        using (var index = new IndexSession(link))
+        {
+            Expect.Equal(Home, session.Home);
+            File.Delete(link);
+            Link(other, link);
+            Expect.Equal("1:Strong", Found(session, texts[0]));
+            index.Add(9, Generator.Signatures(texts[7]));
+        }
+        using (var session = new MatchSession(Home)) Expect.Equal("9:Strong", Found(session, texts[7]));
+        using (var session = new MatchSession(other)) Expect.Equal("2:Strong", Found(session, texts[0]));
+    }
+
+    private static void Link(string target, string name)
+    {
+        using (Process link = Process.Start("ln", "-s \"" + target + "\" \"" + name + "\"")) link.WaitForExit();
+    }
+
     public void ALostBatchIsToldByClosing()
     {
         // Files may not grow beyond 300 blocks of 512 bytes: a disk that is full.

@@ -2,12 +2,9 @@
 // between calls, since most programs never change it.
 'use strict';
 
-const fs = require('node:fs');
-const os = require('node:os');
-const path = require('node:path');
 const { require0 } = require('./errors');
 const native = require('./native');
-const { Shared, currentDirectory } = require('./shared');
+const { Shared, inNowhere, inNowhereNow } = require('./shared');
 const { SIZE, unpack } = require('./signature_list');
 
 const PLATFORMS = { server: 1, client: 2 };
@@ -27,18 +24,10 @@ function settings({ platform = 'client', maxContentSize = DEFAULT_CONTENT_SIZE }
   return `${PLATFORMS[platform]} ${maxContentSize}`;
 }
 
-// The library writes the settings into a configuration file in the current directory, where
-// nobody wants it.
+// The library writes the settings into a configuration file in the current directory.
 function set(wanted, wait) {
   if (wanted === current) return undefined;
-  const nowhere = fs.mkdtempSync(path.join(os.tmpdir(), 'tessera-'));
-  const remove = () => fs.rmSync(nowhere, { recursive: true });
-  if (wait) return currentDirectory.use(nowhere, () => initialise(wanted)).finally(remove);
-  try {
-    return currentDirectory.useNow(nowhere, () => initialise(wanted));
-  } finally {
-    remove();
-  }
+  return (wait ? inNowhere : inNowhereNow)(() => initialise(wanted));
 }
 
 function initialise(wanted) {

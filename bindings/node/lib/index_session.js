@@ -23,9 +23,9 @@ const KIND = {
     `InitIndexSystem returned ${status}: the index in ${home} is open elsewhere or damaged, its `
     + 'configuration is malformed, or its files cannot be written',
     { status, function: 'InitIndexSystem' }),
-  endFailed: (status) => new TesseraError(
+  endFailed: (home, status) => new TesseraError(
     `ExitIndexSystem returned ${status}: what was pending, or deletions before, could not be written `
-    + 'and is lost; the index is closed, as it was after its last batch',
+    + `and is lost, or ${home} is gone; the index is closed, as it was after its last batch`,
     { status, function: 'ExitIndexSystem' }),
 };
 

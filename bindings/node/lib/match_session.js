@@ -19,7 +19,7 @@ const KIND = {
     `InitMatchSystem returned ${status}: the search tables in ${home} are missing, empty or `
     + 'inconsistent, or the configuration cannot be read',
     { status, function: 'InitMatchSystem' }),
-  endFailed: (status) => new TesseraError(
+  endFailed: (home, status) => new TesseraError(
     `ExitMatchSystem returned ${status}: the tables could not be released`,
     { status, function: 'ExitMatchSystem' }),
 };

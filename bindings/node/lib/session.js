@@ -6,9 +6,12 @@ const fs = require('node:fs');
 const path = require('node:path');
 const { TesseraError } = require('./errors');
 const native = require('./native');
-const { currentDirectory } = require('./shared');
+const { currentDirectory, hostDirectory, inNowhere, inNowhereNow } = require('./shared');
 
 const LATER = Symbol('opened by open()');
+
+/** Whether a home could not be entered. Closing must still be possible, and overwrite nothing elsewhere. */
+const isGone = (error) => error.syscall === 'chdir';
 
 class Session {
   static taken = new Set();  // kinds that are open: the library serves one of each
@@ -20,10 +23,11 @@ class Session {
   #idle;              // what it waits for
 
   /** `kind` tells of the library's functions: { name, begin, beginFailed(home, status), end,
-   * endFailed(status), endsAnyway, prepare(home) }. */
+   * endFailed(home, status), endsAnyway, prepare(home) }. */
   constructor(kind, home, when) {
     if (typeof home !== 'string') throw new TypeError('home must be a string');
-    this.home = path.resolve(home);
+    // As it is now, wherever a link leads to later.
+    this.home = fs.realpathSync(path.resolve(hostDirectory(), home));
     if (!fs.statSync(this.home).isDirectory()) throw new TypeError(`no directory: ${this.home}`);
     if (Session.taken.has(kind.name)) {
       throw new TesseraError(`this process has an open ${kind.name} session already`,
@@ -64,7 +68,13 @@ class Session {
       throw new TesseraError('asynchronous calls of this session are running: await closeAsync()',
                              { code: 'TESSERA_BUSY' });
     }
-    this.#closed(this.#now(this.#kind.end, []));
+    const { end } = this.#kind;
+    try {
+      this.#closed(this.#now(end, []), true);
+    } catch (error) {
+      if (!isGone(error)) throw error;
+      this.#closed(inNowhereNow(() => native.call(end, [])), false);
+    }
   }
 
   async closeAsync() {
@@ -77,7 +87,13 @@ class Session {
     this.#state = 'closing';
     try {
       if (this.#running > 0) await new Promise((resolve) => { this.#idle = resolve; });
-      this.#closed(await this.#later(this.#kind.end, []));
+      const { end } = this.#kind;
+      try {
+        this.#closed(await this.#later(end, []), true);
+      } catch (error) {
+        if (!isGone(error)) throw error;
+        this.#closed(await inNowhere(() => native.callAsync(end, [])), false);
+      }
     } finally {
       if (this.#state === 'closing') this.#state = 'open';
     }
@@ -129,10 +145,12 @@ class Session {
     if (this.#state !== 'open') this.#forget();
   }
 
-  #closed(status) {
+  #closed(result, atHome) {
+    // The library does not tell that the tables of an index could not be written.
+    const status = result === 0 && !atHome && this.#kind.endsAnyway ? 1 : result;
     // An index is closed in any case; tables that could not be let go are still there.
     if (status === 0 || this.#kind.endsAnyway) this.#forget();
-    if (status !== 0) throw this.#kind.endFailed(status);
+    if (status !== 0) throw this.#kind.endFailed(this.home, status);
   }
 
   #forget() {

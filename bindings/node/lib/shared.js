@@ -2,6 +2,9 @@
 // for its files, and the settings of the generator. Calls that run at once share them.
 'use strict';
 
+const fs = require('node:fs');
+const os = require('node:os');
+const path = require('node:path');
 const { TesseraError } = require('./errors');
 
 /** Something of the process that is in one state at a time. Users of the same state work side by
@@ -111,7 +114,34 @@ function leave() {
   }
 }
 
+/** Where the host is, also while a call is in a home. */
+function hostDirectory() {
+  return before !== undefined && here() === entered ? before : process.cwd();
+}
+
 /** The current directory of the process; its states are absolute paths. */
 const currentDirectory = new Shared(enter, leave);
 
-module.exports = { Shared, currentDirectory };
+// Runs `work` in a new directory that goes with it: what the library writes there nobody wants.
+const newDirectory = () => fs.mkdtempSync(path.join(os.tmpdir(), 'tessera-'));
+const remove = (directory) => fs.rmSync(directory, { recursive: true });
+
+function inNowhereNow(work) {
+  const nowhere = newDirectory();
+  try {
+    return currentDirectory.useNow(nowhere, work);
+  } finally {
+    remove(nowhere);
+  }
+}
+
+async function inNowhere(work) {
+  const nowhere = newDirectory();
+  try {
+    return await currentDirectory.use(nowhere, work);
+  } finally {
+    remove(nowhere);
+  }
+}
+
+module.exports = { Shared, currentDirectory, hostDirectory, inNowhere, inNowhereNow };

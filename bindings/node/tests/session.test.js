@@ -167,7 +167,7 @@ test('every result is freed', (t) => {
   });
   within(new MatchSession(home), (session) => {
     assert.equal(session.match(list).length, 500);
-    staysWhen(4000, () => session.match(list));  // 8 KB each
+    staysWhen(4000, 500 * 16, () => session.match(list));
   });
 });
 
@@ -339,6 +339,64 @@ test('sessions can be disposed of where the language has it', { skip: !Symbol.as
   const other = new IndexSession(home);
   await other[Symbol.asyncDispose]();
   assert.equal(other.isOpen, false);
+});
+
+test('a session whose home is gone can be closed, and an index tells it', async (t) => {
+  const root = temporary(t);
+  const home = path.join(root, 'home');
+  const before = process.cwd();
+  for (const how of ['close', 'closeAsync']) {
+    fs.mkdirSync(home);
+    index(home, 1);
+    const session = new MatchSession(home);
+    const writer = new IndexSession(home);
+    writer.add(2, signatures(texts[1]));
+    fs.renameSync(home, path.join(root, how));
+    assert.throws(() => writer.add(3, signatures(texts[2])), { code: 'ENOENT' });
+    await assert.rejects(async () => writer[how](), failure('ExitIndexSystem'));
+    await session[how]();
+    assert.deepEqual([writer.isOpen, session.isOpen, process.cwd()], [false, false, before]);
+  }
+  fs.mkdirSync(home);
+  index(home, 1);
+  new MatchSession(home).close();
+});
+
+test('a link is followed once', { skip: process.platform === 'win32' }, (t) => {
+  const home = temporary(t);
+  const other = temporary(t);
+  const link = path.join(temporary(t), 'link');
+  index(home, 1);
+  index(other, 2, 3);
+  fs.symlinkSync(home, link);
+  within(new MatchSession(link), (session) => within(new IndexSession(link), (writer) => {
+    assert.equal(session.home, home);
+    fs.unlinkSync(link);
+    fs.symlinkSync(other, link);
+    assert.equal(found(session, texts[0]), '1:2');
+    writer.add(9, signatures(texts[7]));
+  }));
+  within(new MatchSession(home), (session) => assert.equal(found(session, texts[7]), '9:2'));
+  within(new MatchSession(other), (session) => assert.equal(found(session, texts[0]), '2:2'));
+});
+
+test('the name of a home is the host\'s, also while a call runs elsewhere', async (t) => {
+  const root = temporary(t);
+  const before = process.cwd();
+  t.after(() => process.chdir(before));
+  process.chdir(root);
+  ['blue', 'green'].forEach((home, i) => {
+    fs.mkdirSync(home);
+    index(home, i);
+  });
+  const session = new MatchSession('blue');
+  const matching = session.matchAsync(signatures(texts[0]));
+  assert.equal(process.cwd(), session.home);
+  const writer = await IndexSession.open('green');
+  assert.equal(writer.home, path.join(root, 'green'));
+  assert.equal(told(await matching), '0:2');
+  writer.close();
+  session.close();
 });
 
 test('a lost batch is told by closing', { skip: process.platform === 'win32' }, (t) => {

@@ -6,6 +6,8 @@ const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
+const v8 = require('node:v8');
+const vm = require('node:vm');
 
 const WORDS = ('the of and to in is for that with contract supplier customer delivery payment schedule '
   + 'quarter revenue forecast employee salary merger board meeting minutes approval budget '
@@ -30,13 +32,23 @@ function temporary(t) {
   return directory;
 }
 
-/** Fails when something that is repeated leaves more than 8 MiB of memory. */
-function staysWhen(times, action) {
+v8.setFlagsFromString('--expose-gc');
+const collectGarbage = vm.runInNewContext('gc');
+
+/** What the process occupies without garbage. */
+function memory() {
+  collectGarbage();
+  collectGarbage();  // waits for what the first one frees in the background
+  return process.memoryUsage().rss;
+}
+
+/** Fails when something that is repeated leaves half as much memory as blocks of `size` bytes would. */
+function staysWhen(times, size, action) {
   for (let i = 0; i < times / 3; ++i) action();  // what a first use needs
-  const before = process.memoryUsage().rss;
+  const before = memory();
   for (let i = 0; i < times; ++i) action();
-  const grown = process.memoryUsage().rss - before;
-  assert.ok(grown < 8 << 20, `${times} times left ${grown} bytes`);
+  const grown = memory() - before;
+  assert.ok(grown < times * size / 2, `${times} times ${size} left ${grown} bytes`);
 }
 
 module.exports = { prose, staysWhen, temporary };

@@ -1,5 +1,6 @@
 """examples/scan_outgoing.py as a user runs it."""
 import os
+import runpy
 import subprocess
 import sys
 
@@ -84,3 +85,46 @@ def test_a_file_that_cannot_be_read_wins_over_a_match(folders):
     status, found, message = scan_outgoing(folders, "scan", "home", "outgoing")
     assert (status, "strong match" in found) == (2, True)
     assert message != ""
+
+
+def test_a_file_that_is_too_large_is_trouble_and_the_others_are_scanned(folders):
+    scan_outgoing(folders, "learn", "home", "confidential")
+    (folders / "outgoing/plan").write_text(TEXTS[0])
+    with open(folders / "outgoing/large", "wb") as file:
+        file.truncate(2**31)
+    status, found, message = scan_outgoing(folders, "scan", "home", "outgoing")
+    assert (status, "strong match" in found) == (2, True)
+    assert message == f"{folders}/outgoing/large has more bytes than the library takes\n"
+
+
+def test_a_folder_that_cannot_be_read_is_trouble(folders, monkeypatch):
+    """Root may read everything, so the failure is made here."""
+    program = runpy.run_path(str(PROGRAM))
+    scandir = os.scandir
+
+    def refusing(path):
+        if str(path).endswith("old"):
+            raise PermissionError(path)
+        return scandir(path)
+
+    monkeypatch.setattr(os, "scandir", refusing)
+    with pytest.raises(PermissionError):
+        program["files"](folders / "outgoing")
+
+
+def test_names_of_files_are_any_bytes(folders):
+    scan_outgoing(folders, "learn", "home", "confidential")
+    (folders / os.fsdecode(b"outgoing/\xff plan")).write_text(TEXTS[0])
+    status, found, message = scan_outgoing(folders, "scan", "home", "outgoing")
+    assert (status, "plan: strong match" in found, message) == (1, True, "")
+
+
+@pytest.mark.parametrize("disguise", [
+    lambda text: b"\0" + text.encode(),
+    lambda text: text.encode("utf-16"),
+])
+def test_a_nul_hides_no_text(folders, disguise):
+    scan_outgoing(folders, "learn", "home", "confidential")
+    (folders / "outgoing/mail").write_bytes(disguise(TEXTS[1][500:2500]))
+    status, found, _ = scan_outgoing(folders, "scan", "home", "outgoing")
+    assert (status, "mail: strong match" in found) == (1, True)

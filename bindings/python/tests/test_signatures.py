@@ -131,6 +131,12 @@ def test_lengths_end_where_those_of_the_library_do():
             generate(content)
 
 
+def test_the_length_of_a_str_is_that_of_its_utf8(monkeypatch):
+    monkeypatch.setattr(_signatures, "_INT_MAX", 99)
+    with pytest.raises(ValueError, match="100 bytes"):
+        signatures("\u00e9" * 50)
+
+
 def test_nothing_is_left_in_the_current_directory(tmp_path, monkeypatch):
     monkeypatch.chdir(tmp_path)
     for platform in Platform:

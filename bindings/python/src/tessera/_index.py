@@ -125,8 +125,9 @@ class Index(Session):
         process index.
 
         Raises SystemStateError when what is pending could not be written, or earlier
-        deletions; the index is closed all the same, and what was pending is lost. It is not
-        told when only the tables could not be written: open a Matcher to see."""
+        deletions, or the home is gone; the index is closed all the same, and what was pending
+        is lost. It is not told when only the tables could not be written: open a Matcher to
+        see."""
         if self._process != os.getpid():
             return  # the parent has it open, and closes it
         super().close()
@@ -151,8 +152,14 @@ class Index(Session):
                 status,
             )
 
-    def _stop(self) -> None:
+    def _stop(self, at_home: bool) -> None:
         status = library.ExitIndexSystem()
+        if not at_home:  # the library does not tell that the tables could not be written
+            raise SystemStateError(
+                f"{self._home} cannot be entered any more; what was not yet written there is lost",
+                "ExitIndexSystem",
+                status or 1,
+            )
         if status != 0:
             raise SystemStateError(
                 f"not all changes of the index in {self._home} could be written; what was "

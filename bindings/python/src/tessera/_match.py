@@ -99,10 +99,10 @@ class Matcher(Session):
 
         Waits for running calls. Raises NotOpenError, and SystemStateError as opening does;
         the matcher is closed then."""
-        with self._for_closing():
+        with self._for_closing() as at_home:
             self._require_open(self._START)
             try:
-                self._stop()
+                self._stop(at_home)
                 self._start()
             except BaseException:
                 self._closed = True
@@ -125,7 +125,7 @@ class Matcher(Session):
                 status,
             )
 
-    def _stop(self) -> None:
+    def _stop(self, at_home: bool) -> None:
         status = library.ExitMatchSystem()
         if status != 0:
             raise SystemStateError("the tables cannot be released", "ExitMatchSystem", status)

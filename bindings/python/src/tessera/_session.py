@@ -58,12 +58,12 @@ class Session:
 
         Waits for running calls of every session to finish. Raises SystemStateError as the
         class tells; the session is closed all the same."""
-        with self._for_closing():
+        with self._for_closing() as at_home:
             if self._closed:
                 return
             self._closed = True
             try:
-                self._stop()
+                self._stop(at_home)
             finally:
                 del self._open[self._KIND]
 
@@ -89,7 +89,7 @@ class Session:
     def _start(self) -> None:
         raise NotImplementedError
 
-    def _stop(self) -> None:
+    def _stop(self, at_home: bool) -> None:
         raise NotImplementedError
 
     def _require_open(self, function: str) -> None:
@@ -104,12 +104,15 @@ class Session:
             yield
 
     @contextlib.contextmanager
-    def _for_closing(self) -> Iterator[None]:
-        """The home; if that is gone, a place where closing cannot overwrite anything."""
+    def _for_closing(self) -> Iterator[bool]:
+        """The home; if that is gone, a place where closing cannot overwrite anything. Whether
+        it is the home."""
         with contextlib.ExitStack() as places:
             try:
                 places.enter_context(directory.use(self._home, alone=True))
+                at_home = True
             except OSError:
                 nowhere = places.enter_context(tempfile.TemporaryDirectory(prefix="tessera-"))
                 places.enter_context(directory.use(nowhere, alone=True))
-            yield
+                at_home = False
+            yield at_home
