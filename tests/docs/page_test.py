@@ -4,7 +4,8 @@
 A "console" block holds commands, behind "$ ", and what they answer. Answers are compared
 where some are shown: "..." stands for anything, alone in a line for any lines. A command has
 to succeed, but a match may find something (status 1). Any other block behind a line that ends
-with a name in backquotes and a colon is saved in a file of that name.
+with a name in backquotes and a colon is saved in a file of that name; one without a language
+is only shown.
 
 usage: page_test.py SOURCE_DIRECTORY PAGE    (docs/first_hour.md)
 """
