@@ -5,7 +5,7 @@
 help:
 	@echo 'make demo      index documents of this machine and find queries in them'
 	@echo 'make test      build and test everything: Linux, sanitizers, Windows under Wine'
-	@echo 'make packages  Debian packages and a zip for Windows, in build/packages'
+	@echo 'make packages  packages for Debian, Windows, Python, C# and Node, in build/packages'
 	@echo 'make coverage  run the tests with coverage and print it by folder'
 	@echo 'make fuzz      feed hostile inputs to all fuzz targets, 20 minutes each'
 	@echo 'make bench     measure everything and write the tables of docs/performance.md'
